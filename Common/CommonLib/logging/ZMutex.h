@@ -1,0 +1,75 @@
+// A recursive mutex from a POSIX mutex, a condition variable and owner
+// bookkeeping, either private to the process or placed in a small
+// shared-memory block so that processes related by fork() serialise on it.
+//
+// Deliberate properties that callers rely on:
+//  - One Unlock() by the owner frees the mutex however often it was locked.
+//  - A named block is unlinked right after Create(): only processes that
+//    already hold the mapping (in practice children forked later) share it;
+//    a later Create() of the same name makes a separate mutex.
+//  - The timed wait's deadline does not carry microseconds into seconds, so
+//    a contended wait started in the second half of a second can fail at
+//    once with 0xE0FF0102.
+//  - A process that dies holding the mutex leaves it locked for ever.
+#pragma once
+
+#include "qsStatus.h"
+#include "qsWinTypes.h"
+
+#include <pthread.h>
+#include <string>
+
+constexpr uint32_t ZMUTEX_MARK_INITIALISED = 0xA449534E;
+constexpr uint32_t ZMUTEX_MARK_UNINITIALISED = 0x6D68A59A;
+constexpr DWORD ZMUTEX_INFINITE = 0xFFFFFFFF;
+
+// The whole content of the shared-memory object.  92 bytes on the 32-bit
+// platform (mutex at 4, condition at 28); the POSIX types are larger on a
+// 64-bit build, which keeps the field order.
+struct ZMutexBlock {
+    uint32_t m_Mark;
+    pthread_mutex_t m_Mutex;   // guards the fields below
+    pthread_cond_t m_Cond;     // signalled on release
+    pthread_t m_OwnerThread;   // (pthread_t)-1 when free
+    int32_t m_OwnerProcess;    // -1 when free
+    uint8_t m_Locked;
+    uint8_t m_Padding[3];
+    int32_t m_Count;           // acquisitions by the owner since it took the mutex
+};
+
+class ZMutex {
+public:
+    // Failures are logged only when logErrors is set.  A log stream's own
+    // mutex keeps it off: its failures would be reported through itself.
+    explicit ZMutex(bool logErrors = false);
+    virtual ~ZMutex();
+    ZMutex(const ZMutex&) = delete;
+    ZMutex& operator=(const ZMutex&) = delete;
+
+    // Named, process-shared form.  Returns 0 and sets errno to 183 after
+    // opening an object that already existed.
+    qsStatus Create(const char* name, bool initialOwner);
+    // Process-private form on the embedded block.
+    qsStatus Create();
+    // Waits at most timeoutMs (ZMUTEX_INFINITE: no limit).  0, 0xA0FFFF02 on
+    // time-out, 0xE0FF0102 when waiting failed, 0xE0FF0103 when not created.
+    qsStatus Lock(DWORD timeoutMs);
+    qsStatus Unlock();
+    void Close();
+
+    bool LogErrors() const { return m_bLogErrors; }
+    void SetLogErrors(bool on) { m_bLogErrors = on; }
+    // The block in use (shared mapping or embedded), or null; for diagnosis.
+    const ZMutexBlock* Block() const { return m_pBlock; }
+
+private:
+    void Detach();
+
+    bool m_bLogErrors;
+    ZMutexBlock* m_pBlock;
+    int m_hShm;
+    ZMutexBlock m_Local;
+    pthread_mutexattr_t m_MutexAttr;
+    pthread_condattr_t m_CondAttr;
+    std::string m_Name;
+};
