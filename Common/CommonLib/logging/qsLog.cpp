@@ -3,6 +3,7 @@
 #include "ZFile.h"
 #include "ZLogStream.h"
 #include "qsException.h"
+#include "qsLogGuard.h"
 #include "qsLogSwitchMap.h"
 #include "qsWinApi.h"
 
@@ -42,23 +43,8 @@ constexpr DWORD kMaxDirName = 260;
 
 std::string g_PublicDataPath; // empty until the first successful lookup
 
-bool DefaultStreamUsable() {
-    return g_pZLogStreamDefault && g_pZLogStreamDefault->StateWord() == STREAM_SIG_VALID;
-}
-
-// Runs one stream operation on the default stream.  Nothing may escape a
-// logging call: an exception is reported once to the system log instead.
 template <typename Op> qsStatus OnDefaultStream(const char* function, Op op) {
-    if (!DefaultStreamUsable())
-        return QS_E_NO_LOG_STREAM;
-    try {
-        return op(*g_pZLogStreamDefault);
-    } catch (...) {
-        char text[96];
-        snprintf(text, sizeof text, "unhandled exception in %s", function);
-        qsLogEventStringA(text, LONG(QS_E_EXCEPTION), qsLogSevError, nullptr);
-        return QS_E_EXCEPTION;
-    }
+    return qsLogGuardedCall(g_pZLogStreamDefault, function, op);
 }
 
 const char* OrUnknown(const char* where) { return where ? where : "???"; }
@@ -127,6 +113,12 @@ qsStatus qsLogBigMsgPrintfA(LONG code, qsLogSev severity, const char* format, ..
     });
     va_end(args);
     return s;
+}
+
+void qsLogReportEscapedException(const char* function) noexcept {
+    char text[96];
+    snprintf(text, sizeof text, "unhandled exception in %s", function);
+    qsLogEventStringA(text, LONG(QS_E_EXCEPTION), qsLogSevError, nullptr);
 }
 
 void qsLogEventStringA(const char* text, LONG, qsLogSev severity, const char* source) {
