@@ -95,6 +95,7 @@ public:
     private:
         bool StillOnRecord() const;
         void BecomeEnd();
+        template <typename Step> iterator_base& Walk(Step step);
 
         const ZLogStream* m_pStream = nullptr;
         const ZLogRec* m_pRec = nullptr;
@@ -134,14 +135,26 @@ public:
     const ZLogFile* Image() const;
 
 private:
+    // Time, process and thread of a record copied from elsewhere.
+    struct RecordOrigin {
+        FILETIME time;
+        DWORD processId;
+        DWORD threadId;
+    };
+
     qsStatus OpenLive(const char* dir, const char* name, DWORD sizeKB, bool writeStartRec);
-    qsStatus OpenSnapshot(const char* path);
-    qsStatus Resize(const char* path, DWORD oldSizeBytes, DWORD sizeKB, bool* needInit);
+    qsStatus OpenLocked(const char* path, DWORD sizeKB, bool writeStartRec, bool mutexIsNew);
+    bool ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB);
     qsStatus InitialiseFile(DWORD sizeKB);
-    qsStatus Append(const void* data, DWORD size, const FILETIME* time, DWORD processId,
-                    DWORD threadId, qsLogRecType type, DWORD flags);
-    qsStatus WriteString(LONG code, qsLogSev severity, DWORD flags, qsLogRecType type,
-                         const void* text, DWORD textBytes);
+    qsStatus OpenSnapshot(const char* path);
+    qsStatus ReadSnapshot(DWORD size);
+    template <typename Fill>
+    qsStatus Append(qsLogRecType type, DWORD flags, DWORD size, const RecordOrigin* origin,
+                    Fill fill);
+    qsStatus AppendMessage(LONG code, qsLogSev severity, DWORD flags, qsLogRecType type,
+                           const void* text, DWORD textBytes);
+    static bool Suppressed(qsLogSev severity);
+    template <typename Find> iterator_base CursorAt(Find find) const;
     qsStatus LockLogfile(DWORD timeoutMs, DWORD attempts) const;
     qsStatus UnlockLogfile() const;
     void CheckFlushLogfile();
