@@ -1,0 +1,302 @@
+// ZMutex: a recursive mutex whose state lives in a ZMutexBlock, either the
+// embedded one (process-private) or a shared-memory object (shared with the
+// processes forked after Create()).
+//
+// Every process that maps a shared block reads the same bytes, so the
+// layout is pinned on the 32-bit platform the library runs on.
+#include "ZMutex.h"
+
+#include "qsLog.h"
+#include "qsWinApi.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#if defined(__i386__)
+static_assert(sizeof(ZMutexBlock) == 92, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_Mutex) == 4, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_Cond) == 28, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_OwnerThread) == 76, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_OwnerProcess) == 80, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_Locked) == 84, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_Count) == 88, "mutex block layout");
+#endif
+
+namespace {
+
+// An opener tests the creator's mark this many times, one second apart.
+constexpr int CREATOR_WAIT_TESTS = 4;
+
+const pthread_t NO_THREAD = pthread_t(-1);
+
+void ResetBlock(ZMutexBlock* block) {
+    block->m_Mark = ZMUTEX_MARK_UNINITIALISED;
+    block->m_Locked = 0;
+    block->m_OwnerThread = NO_THREAD;
+    block->m_OwnerProcess = -1;
+    block->m_Count = 0;
+}
+
+// The mark is how another process learns that the primitives before it are
+// ready, so it is published and read with release/acquire ordering.
+void SetMark(ZMutexBlock* block, uint32_t mark) {
+    __atomic_store_n(&block->m_Mark, mark, __ATOMIC_RELEASE);
+}
+
+bool IsInitialised(const ZMutexBlock* block) {
+    return block && __atomic_load_n(&block->m_Mark, __ATOMIC_ACQUIRE) == ZMUTEX_MARK_INITIALISED;
+}
+
+bool IsOwner(const ZMutexBlock* block, pthread_t self, int32_t pid) {
+    return pthread_equal(block->m_OwnerThread, self) && block->m_OwnerProcess == pid;
+}
+
+ZMutexBlock* MapBlock(int fd) {
+    void* p = mmap(nullptr, sizeof(ZMutexBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    return p == MAP_FAILED ? nullptr : static_cast<ZMutexBlock*>(p);
+}
+
+// Initialises the primitives of a block with the given sharing and sets the
+// mark; returns the failing call's error number, or 0.  A failure leaves the
+// mark unset, so the block refuses every Lock().
+int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, pthread_condattr_t* condAttr,
+                   int sharing) {
+    int rc = pthread_mutexattr_init(mutexAttr);
+    if (rc)
+        return rc;
+    rc = pthread_mutexattr_setpshared(mutexAttr, sharing);
+    if (!rc)
+        rc = pthread_mutex_init(&block->m_Mutex, mutexAttr);
+    pthread_mutexattr_destroy(mutexAttr);
+    if (rc)
+        return rc;
+
+    rc = pthread_condattr_init(condAttr);
+    if (!rc) {
+        rc = pthread_condattr_setpshared(condAttr, sharing);
+        if (!rc)
+            rc = pthread_cond_init(&block->m_Cond, condAttr);
+        pthread_condattr_destroy(condAttr);
+    }
+    if (rc) {
+        pthread_mutex_destroy(&block->m_Mutex);
+        return rc;
+    }
+    SetMark(block, ZMUTEX_MARK_INITIALISED);
+    return 0;
+}
+
+} // namespace
+
+ZMutex::ZMutex(bool logErrors) : m_bLogErrors(logErrors), m_pBlock(nullptr), m_hShm(-1) {
+    ResetBlock(&m_Local);
+}
+
+ZMutex::~ZMutex() {
+    Close();
+}
+
+void ZMutex::Detach() {
+    if (m_pBlock && m_pBlock != &m_Local)
+        munmap(m_pBlock, sizeof(ZMutexBlock));
+    if (IsInitialised(&m_Local)) {
+        pthread_mutex_destroy(&m_Local.m_Mutex);
+        pthread_cond_destroy(&m_Local.m_Cond);
+    }
+    ResetBlock(&m_Local);
+    m_pBlock = nullptr;
+}
+
+void ZMutex::Close() {
+    Detach();
+    m_Name.clear();
+}
+
+qsStatus ZMutex::Create(const char* name, bool initialOwner) {
+    Detach();
+    m_Name.assign(1, '/');
+    if (name)
+        m_Name.append(name);
+
+    qsStatus result = QS_OK;
+    bool opened = false;
+    m_hShm = shm_open(m_Name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+    if (m_hShm >= 0) {
+        // A creator that fails half-way says nothing: the block stays
+        // unmarked and every later Lock() reports it as not valid.
+        if (ftruncate(m_hShm, sizeof(ZMutexBlock)) == 0)
+            m_pBlock = MapBlock(m_hShm);
+        if (m_pBlock) {
+            ResetBlock(m_pBlock);
+            if (InitPrimitives(m_pBlock, &m_MutexAttr, &m_CondAttr, PTHREAD_PROCESS_SHARED))
+                Detach();
+        }
+    } else {
+        m_hShm = shm_open(m_Name.c_str(), O_RDWR, 0666);
+        if (m_hShm < 0) {
+            result = QS_E_MUTEX_CREATE;
+        } else {
+            opened = true;
+            m_pBlock = MapBlock(m_hShm);
+            // The creator may still be initialising; give it a few seconds.
+            for (int test = 0; m_pBlock && test < CREATOR_WAIT_TESTS; test++) {
+                if (IsInitialised(m_pBlock))
+                    break;
+                sleep(1);
+            }
+            if (!IsInitialised(m_pBlock)) {
+                Detach();
+                result = QS_E_MUTEX_CREATE;
+            }
+        }
+    }
+
+    // The name only serves the moment of creation: the block is shared by the
+    // processes that map it now and by their later children, and the next
+    // Create() of this name makes a separate mutex.
+    if (m_hShm >= 0) {
+        int saved = errno;
+        shm_unlink(m_Name.c_str());
+        close(m_hShm);
+        m_hShm = -1;
+        errno = saved;
+    }
+
+    if (result == QS_OK) {
+        if (opened) {
+            errno = ERROR_ALREADY_EXISTS;
+            return QS_OK;
+        }
+        if (!initialOwner)
+            return QS_OK;
+        result = Lock(ZMUTEX_INFINITE);
+        if (result == QS_OK)
+            return QS_OK;
+    }
+    if (m_bLogErrors) {
+        qsLogPrintfA(static_cast<LONG>(QS_E_MUTEX_CREATE), qsLogSevSysCall,
+                     "%hs: error %d creating mutex (name='%hs')", "ZMutex::Create(ASCII)", errno,
+                     name ? name : "");
+        result = QS_E_MUTEX_CREATE;
+    }
+    return result;
+}
+
+qsStatus ZMutex::Create() {
+    Detach();
+    m_Name.clear();
+    m_pBlock = &m_Local;
+    int rc = InitPrimitives(&m_Local, &m_MutexAttr, &m_CondAttr, PTHREAD_PROCESS_PRIVATE);
+    if (rc == 0)
+        return QS_OK;
+    errno = rc;
+    if (m_bLogErrors)
+        qsLogPrintfA(static_cast<LONG>(QS_E_MUTEX_CREATE), qsLogSevSysCall,
+                     "%hs: error %d creating mutex", "ZMutex::Create(no name)", errno);
+    return QS_E_MUTEX_CREATE;
+}
+
+qsStatus ZMutex::Lock(DWORD timeoutMs) {
+    qsStatus result = QS_E_NOT_VALID;
+    ZMutexBlock* block = m_pBlock;
+    if (IsInitialised(block)) {
+        int rc = pthread_mutex_lock(&block->m_Mutex);
+        if (rc == 0) {
+            // The microseconds are not carried into the seconds: a wait begun
+            // late in a second can get a nanosecond part of 1e9 or more, which
+            // the timed wait refuses (EINVAL, 0xE0FF0102).  Callers live with
+            // that; it must not be corrected here.
+            timespec deadline{};
+            if (timeoutMs != ZMUTEX_INFINITE) {
+                timeval now;
+                gettimeofday(&now, nullptr);
+                deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
+                deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
+            }
+            // The process id is part of the owner: a child forked by the
+            // owning thread has the same pthread_self() value.  The cached id
+            // keeps this append-path call free of system calls.
+            pthread_t self = pthread_self();
+            int32_t pid = int32_t(GetCurrentProcessId());
+            for (;;) {
+                if (!block->m_Locked || IsOwner(block, self, pid)) {
+                    block->m_Count++;
+                    block->m_OwnerThread = self;
+                    block->m_OwnerProcess = pid;
+                    block->m_Locked = 1;
+                    result = QS_OK;
+                    break;
+                }
+                rc = timeoutMs == ZMUTEX_INFINITE
+                         ? pthread_cond_wait(&block->m_Cond, &block->m_Mutex)
+                         : pthread_cond_timedwait(&block->m_Cond, &block->m_Mutex, &deadline);
+                if (rc == ETIMEDOUT) {
+                    result = QS_W_TIMEOUT;
+                    break;
+                }
+                if (rc) {
+                    errno = rc;
+                    result = QS_E_WAIT_FAILED;
+                    break;
+                }
+            }
+            pthread_mutex_unlock(&block->m_Mutex);
+        } else {
+            errno = rc;
+            result = QS_E_WAIT_FAILED;
+        }
+    }
+    // Off for a log stream's own mutex (see the constructor), which would
+    // otherwise report through the stream it is failing to lock.
+    if (m_bLogErrors && result != QS_OK && result != QS_W_TIMEOUT)
+        qsLogPrintfA(static_cast<LONG>(result), qsLogSevSysCall, "%hs: error %d waiting on mutex",
+                     "ZMutex::Lock", errno);
+    return result;
+}
+
+qsStatus ZMutex::Unlock() {
+    qsStatus result = QS_E_NOT_VALID;
+    ZMutexBlock* block = m_pBlock;
+    if (IsInitialised(block)) {
+        result = QS_OK;
+        int rc = pthread_mutex_lock(&block->m_Mutex);
+        if (rc) {
+            errno = rc;
+            result = QS_E_MUTEX_RELEASE;
+        } else {
+            // One release by the owner frees the mutex whatever the count:
+            // recursive acquisitions are counted, not unwound.
+            if (IsOwner(block, pthread_self(), int32_t(GetCurrentProcessId()))) {
+                int32_t count = block->m_Count - 1;
+                if (count < 0) {
+                    block->m_Count = count;
+                } else {
+                    block->m_Locked = 0;
+                    block->m_OwnerThread = NO_THREAD;
+                    block->m_OwnerProcess = -1;
+                    block->m_Count = 0;
+                    rc = pthread_cond_signal(&block->m_Cond);
+                    if (rc) {
+                        errno = rc;
+                        result = QS_E_MUTEX_RELEASE;
+                    }
+                }
+            }
+            rc = pthread_mutex_unlock(&block->m_Mutex);
+            if (rc) {
+                errno = rc;
+                result = QS_E_MUTEX_RELEASE;
+            }
+        }
+    }
+    if (m_bLogErrors && result != QS_OK) {
+        qsLogPrintfA(static_cast<LONG>(QS_E_MUTEX_RELEASE), qsLogSevSysCall,
+                     "%hs: error %d releasing mutex", "ZMutex::Unlock", errno);
+        result = QS_E_MUTEX_RELEASE;
+    }
+    return result;
+}
