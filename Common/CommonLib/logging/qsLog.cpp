@@ -47,6 +47,14 @@ template <typename Op> qsStatus OnDefaultStream(const char* function, Op op) {
     return qsLogGuardedCall(g_pZLogStreamDefault, function, op);
 }
 
+qsStatus CopyOut(const std::string& value, char* buffer, DWORD& length) {
+    if (value.size() >= length)
+        return QS_E_BUFFER_TOO_SMALL;
+    memcpy(buffer, value.c_str(), value.size() + 1);
+    length = DWORD(value.size());
+    return QS_OK;
+}
+
 const char* OrUnknown(const char* where) { return where ? where : "???"; }
 
 } // namespace
@@ -158,11 +166,7 @@ qsStatus qsLogGetPublicDataPath(char* buffer, DWORD& length) {
             return QS_E_NOT_FOUND;
         g_PublicDataPath = dir;
     }
-    if (g_PublicDataPath.size() >= length)
-        return QS_E_BUFFER_TOO_SMALL;
-    memcpy(buffer, g_PublicDataPath.c_str(), g_PublicDataPath.size() + 1);
-    length = DWORD(g_PublicDataPath.size());
-    return QS_OK;
+    return CopyOut(g_PublicDataPath, buffer, length);
 }
 
 bool qsLogIsRelativePath(const char* path) {
@@ -208,15 +212,18 @@ qsStatus qsLogCreateDirectoryTree(const char* path, SECURITY_ATTRIBUTES* sa) {
     return CreateDirectoryA(copy, sa) ? QS_OK : QS_E_DIR_CREATE;
 }
 
-qsStatus qsLogStreamObjectsInit(const char*) {
+namespace {
+
+qsStatus ResolveLogDirectory(std::string& path) {
     const char* name = getenv("QS_LOG_DIR");
     if (!name || strlen(name) > kMaxDirName)
         name = "Logs";
     if (!name[0])
         return QS_E_EMPTY_NAME;
 
-    std::string path;
-    if (qsLogIsRelativePath(name)) {
+    if (!qsLogIsRelativePath(name)) {
+        path = name;
+    } else {
         char base[kMaxDirName + 1];
         DWORD length = sizeof base;
         qsStatus s = qsLogGetPublicDataPath(base, length);
@@ -227,14 +234,42 @@ qsStatus qsLogStreamObjectsInit(const char*) {
         if (!path.empty() && path.back() != separator && name[0] != separator)
             path += separator;
         path += name;
-    } else {
-        path = name;
     }
     // A relative QS_LOG_DIR was joined to itself as its own base: still relative.
     if (qsLogIsRelativePath(path.c_str()))
         return QS_E_NO_LOG_STREAM;
     while (path.size() > 3 && (path.back() == '\\' || path.back() == '/'))
         path.pop_back();
+    return QS_OK;
+}
+
+std::string StreamFileName(const qsLogStreamInfo& entry) {
+    char computer[MAX_PATH];
+    DWORD size = sizeof computer;
+    if (!GetComputerNameA(computer, &size))
+        return entry.fileName;
+    return std::string(computer) + "_" + entry.fileName;
+}
+
+} // namespace
+
+qsStatus qsLogGetLogDirectory(char* buffer, DWORD& length) {
+    std::string path;
+    qsStatus s = ResolveLogDirectory(path);
+    return qsFailed(s) ? s : CopyOut(path, buffer, length);
+}
+
+qsStatus qsLogGetStreamFileName(int index, char* buffer, DWORD& length) {
+    if (index < 0 || index >= QS_LOG_STREAM_COUNT)
+        return QS_E_INVALIDARG;
+    return CopyOut(StreamFileName(g_ZLogInfo[index]), buffer, length);
+}
+
+qsStatus qsLogStreamObjectsInit(const char*) {
+    std::string path;
+    qsStatus s = ResolveLogDirectory(path);
+    if (qsFailed(s))
+        return s;
 
     ZFile lookup;
     WIN32_FIND_DATAA found;
@@ -242,18 +277,14 @@ qsStatus qsLogStreamObjectsInit(const char*) {
         if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
             return QS_E_NO_LOG_STREAM;
     } else {
-        qsStatus s = qsLogCreateDirectoryTree(path.c_str(), nullptr);
+        s = qsLogCreateDirectoryTree(path.c_str(), nullptr);
         if (qsFailed(s))
             return s;
     }
 
     qsLogInfoMessages(true);
 
-    char computer[MAX_PATH];
-    DWORD computerSize = sizeof computer;
-    bool haveComputer = GetComputerNameA(computer, &computerSize);
     const char* sizeOverride = getenv("QS_LOG_SIZE");
-
     qsStatus result = QS_OK;
     for (qsLogStreamInfo& entry : g_ZLogInfo) {
         if (*entry.stream)
@@ -261,9 +292,8 @@ qsStatus qsLogStreamObjectsInit(const char*) {
         DWORD sizeKB = sizeOverride ? DWORD(strtoul(sizeOverride, nullptr, 0)) : *entry.sizeKB;
         if (sizeKB == 0)
             continue;
-        std::string fileName = haveComputer ? std::string(computer) + "_" + entry.fileName
-                                            : std::string(entry.fileName);
-        auto* stream = new ZLogStream(path.c_str(), fileName.c_str(), sizeKB, 16384, true);
+        auto* stream =
+            new ZLogStream(path.c_str(), StreamFileName(entry).c_str(), sizeKB, 16384, true);
         if (stream->StateWord() == STREAM_SIG_VALID) {
             *entry.stream = stream;
             continue;

@@ -63,6 +63,16 @@ bool qsLogIsRelativePath(const char* path);
 // Creates a directory and its missing parents; 0 when it already exists.
 qsStatus qsLogCreateDirectoryTree(const char* path, SECURITY_ATTRIBUTES* sa);
 
+// The directory of the default streams, resolved from QS_LOG_DIR (else
+// "Logs" under the public data path) without looking at the file system:
+// the same rules qsLogStreamObjectsInit applies.  `length`: capacity in,
+// string length out.  0xE0010101 when the result is still relative.
+qsStatus qsLogGetLogDirectory(char* buffer, DWORD& length);
+// "<computer name>_<file name>" of default-stream entry `index` (0 Default,
+// 1 Events, 2 PerfCtrs); the file name alone when the computer name cannot
+// be read.
+qsStatus qsLogGetStreamFileName(int index, char* buffer, DWORD& length);
+
 // Opening and closing the default streams (the argument is ignored: the
 // directory always comes from the environment).
 qsStatus qsLogStreamObjectsInit(const char* dir);

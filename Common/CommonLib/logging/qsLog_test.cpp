@@ -321,3 +321,25 @@ TEST(qsLogSwitches, FirstLevelStaysAndQueriesAnswerZero) {
     qsLogSetSwitchLevelsUsingRegistry("key", "path");
     EXPECT_EQ(g_traceSwitchMap.size(), 1u);
 }
+
+TEST(qsLogPaths, LogDirectoryAndStreamFileNamesAreThoseTheLibraryOpens) {
+    char buffer[600];
+    DWORD length = sizeof buffer;
+    setenv("QS_LOG_DIR", "/var/log/x///", 1);
+    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_OK);
+    EXPECT_STREQ(buffer, "/var/log/x");
+    EXPECT_EQ(length, 10u);
+
+    unsetenv("QS_LOG_DIR");
+    setenv("HOME", "/home/u/", 1);
+    length = sizeof buffer;
+    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_OK);
+    EXPECT_STREQ(buffer, "/home/u/Logs");
+    length = 5;
+    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_E_BUFFER_TOO_SMALL);
+
+    length = sizeof buffer;
+    EXPECT_EQ(qsLogGetStreamFileName(1, buffer, length), QS_OK);
+    EXPECT_EQ(std::string(buffer), ComputerName() + "_Events.log");
+    EXPECT_EQ(qsLogGetStreamFileName(3, buffer, length), QS_E_INVALIDARG);
+}
