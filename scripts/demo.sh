@@ -12,5 +12,5 @@ state=$(mktemp)
 trap 'rm -f "$state"' EXIT
 
 echo "== watcher -f -d 1 -r 5 qs-demo-target (logs in $QS_LOG_DIR)"
-build/watcher/watcher -f -d 1 -r 5 "$PWD/build/watcher/qs-demo-target" "$state" 3
+build/watcher/watcher -f -d 1 -r 5 "$PWD/build/watcher/demo_target" "$state" 3
 echo "== watcher exited with status $?"
