@@ -52,8 +52,7 @@ FILETIME FileTimeFromSeconds(time_t seconds) {
 // The 32-bit conversion back: sub-second parts dropped, dates outside
 // 1970..2106 wrap.
 time_t SecondsFromFileTime(const FILETIME& ft) {
-    return time_t(uint32_t(qsFileTimeToUInt64(ft) / QS_FILETIME_PER_SECOND) +
-                  kEpochDeltaSeconds32);
+    return time_t(uint32_t(qsFileTimeToUInt64(ft) / QS_FILETIME_PER_SECOND) + kEpochDeltaSeconds32);
 }
 
 // The last component of a path, without trailing slashes, as find records
@@ -313,8 +312,8 @@ DWORD ZFileUnix::SetFilePointer(LONG low, LONG* high, DWORD moveMethod) {
         Report(QS_E_INVALIDARG, "%hs: unknown dwMoveMethod passed %d.", kWhere, int(moveMethod));
         return INVALID_SET_FILE_POINTER;
     }
-    int64_t distance = high ? int64_t((uint64_t(uint32_t(*high)) << 32) | uint32_t(low))
-                            : int64_t(low);
+    int64_t distance =
+        high ? int64_t((uint64_t(uint32_t(*high)) << 32) | uint32_t(low)) : int64_t(low);
     off64_t position = lseek64(m_fd, distance, whence);
     if (position == -1) {
         Report(QS_E_FILE_SIZE, "%hs: lseek call failed.", kWhere);
@@ -494,8 +493,7 @@ bool ZFileUnix::FlushViewOfFile(void* base, DWORD length) const {
     uintptr_t aligned = start & ~(page - 1);
     bytes += start - aligned;
     if (msync(reinterpret_cast<void*>(aligned), bytes, MS_SYNC) != 0) {
-        Report(QS_E_FLUSH, "%hs:  failure flushing file, %d.", "ZFileUnix::FlushViewOfFile",
-               errno);
+        Report(QS_E_FLUSH, "%hs:  failure flushing file, %d.", "ZFileUnix::FlushViewOfFile", errno);
         return false;
     }
     return true;

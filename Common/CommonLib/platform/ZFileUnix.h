@@ -39,8 +39,8 @@ public:
     // One read or write of the whole length; a short count is not a failure.
     bool ReadFile(void* buffer, DWORD length, DWORD* done, _OVERLAPPED* ov) override;
     bool WriteFile(const void* buffer, DWORD length, DWORD* done, _OVERLAPPED* ov) override;
-    // The distance is *high:low when high is given, else low sign-extended.  A position whose low half is
-    // 0xFFFFFFFF is returned as such with errno 0.
+    // The distance is *high:low when high is given, else low sign-extended.  A
+    // position whose low half is 0xFFFFFFFF is returned as such with errno 0.
     DWORD SetFilePointer(LONG low, LONG* high, DWORD moveMethod) override;
     bool SetEndOfFile() override;
     // Attributes (by mode bits, as GetFileAttributesA), times to the second,

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
@@ -15,10 +14,10 @@ namespace {
 
 constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
 
-qsStatus Open(ZFileUnix& f, const std::string& path, DWORD disposition,
-              DWORD access = kReadWrite, SECURITY_ATTRIBUTES* sa = nullptr) {
-    return f.CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, sa,
-                         disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+qsStatus Open(ZFileUnix& f, const std::string& path, DWORD disposition, DWORD access = kReadWrite,
+              SECURITY_ATTRIBUTES* sa = nullptr) {
+    return f.CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, sa, disposition,
+                         FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 mode_t ModeOf(const std::string& path) {
@@ -42,37 +41,35 @@ TEST(ZFileUnix, DispositionsAndPreExistingFlag) {
     qsTest::TempDir dir;
     std::string path = dir / "f";
     ZFileUnix f;
-
     EXPECT_EQ(Open(f, path, OPEN_EXISTING), QS_E_NOT_FOUND);
     EXPECT_EQ(Open(f, path, TRUNCATE_EXISTING), QS_E_NOT_FOUND);
     EXPECT_EQ(Open(f, dir / "none/f", OPEN_ALWAYS), QS_E_NOT_FOUND);
-    EXPECT_FALSE(f.IsOpen());
 
     ASSERT_EQ(Open(f, path, CREATE_NEW), QS_OK);
     EXPECT_FALSE(f.IsPreExisting());
     EXPECT_STREQ(f.GetFileName(), path.c_str());
-    EXPECT_EQ(Open(f, path, CREATE_NEW), QS_E_FILE_OPEN); // exists
+    EXPECT_EQ(Open(f, path, CREATE_NEW), QS_E_FILE_OPEN);
     EXPECT_FALSE(f.IsOpen());
     EXPECT_STREQ(f.GetFileName(), "");
 
-    qsTest::WriteFileText(path, "0123456789");
-    ASSERT_EQ(Open(f, path, OPEN_ALWAYS), QS_OK);
-    EXPECT_TRUE(f.IsPreExisting());
-    EXPECT_EQ(f.GetFileSize(nullptr), 10u);
-    ASSERT_EQ(Open(f, path, OPEN_EXISTING), QS_OK);
-    EXPECT_FALSE(f.IsPreExisting()); // only the open-or-create forms set it
-    ASSERT_EQ(Open(f, path, CREATE_ALWAYS), QS_OK);
-    EXPECT_TRUE(f.IsPreExisting());
-    EXPECT_EQ(f.GetFileSize(nullptr), 0u);
+    struct Case {
+        DWORD disposition;
+        bool preExisting;
+        DWORD size;
+    } onExisting[] = {{OPEN_ALWAYS, true, 10},
+                      {OPEN_EXISTING, false, 10},
+                      {CREATE_ALWAYS, true, 0},
+                      {TRUNCATE_EXISTING, false, 0}};
+    for (const Case& c : onExisting) {
+        qsTest::WriteFileText(path, "0123456789");
+        ASSERT_EQ(Open(f, path, c.disposition), QS_OK) << c.disposition;
+        EXPECT_EQ(f.IsPreExisting(), c.preExisting) << c.disposition;
+        EXPECT_EQ(f.GetFileSize(nullptr), c.size) << c.disposition;
+    }
 
-    qsTest::WriteFileText(path, "0123456789");
-    ASSERT_EQ(Open(f, path, TRUNCATE_EXISTING), QS_OK);
-    EXPECT_FALSE(f.IsPreExisting());
-    EXPECT_EQ(f.GetFileSize(nullptr), 0u);
-
+    mode_t old = umask(0);
     ASSERT_EQ(Open(f, dir / "g", CREATE_ALWAYS), QS_OK);
     EXPECT_FALSE(f.IsPreExisting());
-    mode_t old = umask(0);
     ASSERT_EQ(Open(f, dir / "h", OPEN_ALWAYS), QS_OK);
     umask(old);
     EXPECT_FALSE(f.IsPreExisting());
@@ -80,7 +77,6 @@ TEST(ZFileUnix, DispositionsAndPreExistingFlag) {
 
     EXPECT_TRUE(f.CloseHandle());
     EXPECT_FALSE(f.IsPreExisting());
-    EXPECT_STREQ(f.GetFileName(), "");
     EXPECT_TRUE(f.CloseHandle()); // nothing open is not a failure
 }
 
@@ -105,57 +101,41 @@ TEST(ZFileUnix, AccessRightsChooseTheOpenMode) {
         DWORD access;
         bool reads, writes;
     } cases[] = {
-        {GENERIC_READ, true, false},   {GENERIC_WRITE, false, true},
-        {kReadWrite, true, true},      {GENERIC_ALL, true, true},
-        {0x00020000, true, true},      // READ_CONTROL is in both masks
-        {0x00000002, false, true},     // FILE_WRITE_DATA
-        {0, true, false},
+        {GENERIC_READ, true, false}, {GENERIC_WRITE, false, true}, {kReadWrite, true, true},
+        {GENERIC_ALL, true, true},   {0, true, false},
+        {0x00020000, true, true},  // READ_CONTROL is in both masks
+        {0x00000002, false, true}, // FILE_WRITE_DATA
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.access);
         ZFileUnix f;
         ASSERT_EQ(Open(f, path, OPEN_EXISTING, c.access), QS_OK);
-        EXPECT_EQ(f.ReadFile(buf, 1, &done, nullptr), c.reads);
-        if (!c.reads) {
-            EXPECT_EQ(done, 0u);
-        }
-        EXPECT_EQ(f.WriteFile("z", 1, &done, nullptr), c.writes);
+        EXPECT_EQ(f.ReadFile(buf, 1, &done, nullptr), c.reads) << c.access;
+        EXPECT_EQ(f.WriteFile("z", 1, &done, nullptr), c.writes) << c.access;
+        EXPECT_EQ(done, c.writes ? 1u : 0u);
     }
 
     ZFileUnix f;
     ASSERT_EQ(Open(f, path, OPEN_EXISTING), QS_OK);
     EXPECT_FALSE(f.ReadFile(nullptr, 1, &done, nullptr));
-    EXPECT_FALSE(f.WriteFile(nullptr, 1, &done, nullptr));
     ASSERT_TRUE(f.ReadFile(buf, sizeof buf, &done, nullptr));
     EXPECT_EQ(done, 3u); // a short read is not a failure
-    ASSERT_TRUE(f.ReadFile(buf, sizeof buf, &done, nullptr));
-    EXPECT_EQ(done, 0u);
-    f.CloseHandle();
-    EXPECT_FALSE(f.ReadFile(buf, 1, &done, nullptr));
-    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(ZFileUnix, SecurityAttributesValueIsTheNewFileMode) {
     qsTest::TempDir dir;
     SECURITY_ATTRIBUTES real{};
-    mode_t old = umask(0);
-    struct Case {
-        SECURITY_ATTRIBUTES* sa;
-        mode_t mode;
-    } cases[] = {
-        {reinterpret_cast<SECURITY_ATTRIBUTES*>(0640), 0640},
-        {reinterpret_cast<SECURITY_ATTRIBUTES*>(1), 01},
-        {reinterpret_cast<SECURITY_ATTRIBUTES*>(0777), 0777},
-        {reinterpret_cast<SECURITY_ATTRIBUTES*>(01000), 0660},
-        {nullptr, 0660},
-        {&real, 0660},
+    auto asSa = [](uintptr_t v) { return reinterpret_cast<SECURITY_ATTRIBUTES*>(v); };
+    std::pair<SECURITY_ATTRIBUTES*, mode_t> cases[] = {
+        {asSa(0640), 0640}, {asSa(1), 01},     {asSa(0777), 0777},
+        {asSa(01000), 0660}, {nullptr, 0660}, {&real, 0660},
     };
+    mode_t old = umask(0);
     int n = 0;
-    for (const Case& c : cases) {
+    for (auto [sa, mode] : cases) {
         std::string path = dir / std::to_string(n++);
         ZFileUnix f;
-        ASSERT_EQ(Open(f, path, CREATE_NEW, kReadWrite, c.sa), QS_OK);
-        EXPECT_EQ(ModeOf(path), c.mode) << path;
+        ASSERT_EQ(Open(f, path, CREATE_NEW, kReadWrite, sa), QS_OK);
+        EXPECT_EQ(ModeOf(path), mode) << path;
     }
     umask(old);
 }
@@ -170,21 +150,13 @@ TEST(ZFileUnix, NamedMappingIsSharedWithForkedChildren) {
     auto* view = static_cast<char*>(f.MapFile(nullptr, PAGE_READWRITE, 0, 8192, "_SHARED_FMAP"));
     ASSERT_NE(view, nullptr);
     EXPECT_EQ(f.GetFileMapping(), view);
-
-    EXPECT_EQ(InChild([&] {
-                  memcpy(view + 5000, "child", 5);
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(InChild([&] { return memcpy(view + 5000, "child", 5) ? 0 : 1; }), 0);
     EXPECT_EQ(memcmp(view + 5000, "child", 5), 0);
-    memcpy(view + 10, "parent", 6);
     EXPECT_TRUE(f.FlushViewOfFile(view + 5000, 5)); // inside a page: flushed from its start
     EXPECT_TRUE(f.FlushViewOfFile(nullptr, 0));
-
     std::string text = qsTest::ReadFileText(path);
     ASSERT_EQ(text.size(), 8192u);
     EXPECT_EQ(text.substr(5000, 5), "child");
-    EXPECT_EQ(text.substr(10, 6), "parent");
 }
 
 // The resize copy's scratch image: unnamed, so nothing written reaches the file.
@@ -195,17 +167,12 @@ TEST(ZFileUnix, UnnamedMappingIsPrivate) {
     ASSERT_EQ(Open(f, path, CREATE_ALWAYS), QS_OK);
     auto* view = static_cast<char*>(f.MapFile(nullptr, PAGE_READWRITE, 0, 4096, nullptr));
     ASSERT_NE(view, nullptr);
-    EXPECT_EQ(InChild([&] {
-                  memcpy(view, "child", 5);
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(InChild([&] { return memcpy(view, "child", 5) ? 0 : 1; }), 0);
     EXPECT_EQ(view[0], 0);
     memcpy(view + 100, "parent", 6);
     EXPECT_TRUE(f.FlushViewOfFile(nullptr, 0));
-    f.UnMapFile();
-    EXPECT_EQ(f.GetFileMapping(), nullptr);
     EXPECT_TRUE(f.CloseHandle());
+    EXPECT_EQ(f.GetFileMapping(), nullptr);
     EXPECT_EQ(qsTest::ReadFileBytes(path), std::vector<uint8_t>(4096, 0));
 }
 
@@ -215,24 +182,18 @@ TEST(ZFileUnix, MapFileGrowsTheFileAndRefusesWriteCopy) {
     ZFileUnix f;
     EXPECT_EQ(f.MapFile(nullptr, PAGE_READWRITE, 0, 4096, "n"), nullptr); // nothing open
     ASSERT_EQ(Open(f, path, CREATE_NEW), QS_OK);
-    void* view = f.MapFile(nullptr, PAGE_READWRITE, 0, 4096, "n");
-    ASSERT_NE(view, nullptr);
+    ASSERT_NE(f.MapFile(nullptr, PAGE_READWRITE, 0, 4096, "n"), nullptr);
     EXPECT_EQ(qsTest::ReadFileBytes(path), std::vector<uint8_t>(4096, 0));
-
-    // A shorter maxLow never shrinks the file; a new mapping replaces the old.
-    view = f.MapFile(nullptr, PAGE_READONLY, 0, 1024, "n");
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(f.GetFileSize(nullptr), 4096u);
-
+    ASSERT_NE(f.MapFile(nullptr, PAGE_READONLY, 0, 1024, "n"), nullptr);
+    EXPECT_EQ(f.GetFileSize(nullptr), 4096u); // never shrunk
     EXPECT_EQ(f.MapFile(nullptr, PAGE_WRITECOPY, 0, 4096, "n"), nullptr);
     EXPECT_EQ(f.GetFileMapping(), nullptr);
 
-    // Read-only descriptor: a read-only view works, growing it does not.
+    // A read-only descriptor maps for reading but cannot grow the file.
     ZFileUnix r;
     ASSERT_EQ(Open(r, path, OPEN_EXISTING, GENERIC_READ), QS_OK);
     EXPECT_NE(r.MapFile(nullptr, PAGE_READONLY, 0, 4096, nullptr), nullptr);
     EXPECT_EQ(r.MapFile(nullptr, PAGE_READONLY, 0, 8192, nullptr), nullptr);
-    EXPECT_EQ(r.MapFile(nullptr, PAGE_READWRITE, 0, 4096, "n"), nullptr);
 }
 
 TEST(ZFileUnix, ViewsThroughCreateFileMapping) {
@@ -240,16 +201,16 @@ TEST(ZFileUnix, ViewsThroughCreateFileMapping) {
     ZFileUnix f;
     ASSERT_EQ(Open(f, dir / "v", CREATE_NEW), QS_OK);
     ASSERT_NE(f.CreateFileMappingA(nullptr, PAGE_READWRITE, 0, 8192, "v"), nullptr);
-    EXPECT_EQ(f.GetFileSize(nullptr), 8192u);
     auto* whole = static_cast<char*>(f.MapViewOfFile(FILE_MAP_WRITE, 0, 0, 0)); // 0: whole file
     ASSERT_NE(whole, nullptr);
     memcpy(whole + 4096, "second page", 11);
     auto* page = static_cast<char*>(f.MapViewOfFile(FILE_MAP_READ, 0, 4096, 4096));
     ASSERT_NE(page, nullptr);
-    EXPECT_EQ(memcmp(page, "second page", 11), 0); // shared: the first view wrote the file
-    EXPECT_FALSE(f.UnmapViewOfFile(whole));        // replaced by the second view
+    EXPECT_EQ(memcmp(page, "second page", 11), 0);
+    EXPECT_FALSE(f.UnmapViewOfFile(whole)); // replaced by the second view
     EXPECT_TRUE(f.UnmapViewOfFile(page));
-    EXPECT_TRUE(f.FlushViewOfFile(nullptr, 0)); // no view: nothing to do
+    EXPECT_TRUE(f.FlushViewOfFile(nullptr, 0));  // no view: nothing to do
+    EXPECT_FALSE(f.FlushViewOfFile(page, 4096)); // no longer mapped: msync fails
 }
 
 TEST(ZFileUnix, FilePointerEndOfFileAndSize) {
@@ -275,7 +236,6 @@ TEST(ZFileUnix, FilePointerEndOfFileAndSize) {
     LONG high = 0;
     EXPECT_EQ(f.SetFilePointer(-1, &high, FILE_BEGIN), 0xFFFFFFFFu);
     EXPECT_EQ(errno, 0); // a real position, not a failure
-    EXPECT_EQ(high, 0);
     high = 1;
     EXPECT_EQ(f.SetFilePointer(0x10, &high, FILE_BEGIN), 0x10u);
     EXPECT_EQ(high, 1);
@@ -295,30 +255,22 @@ TEST(ZFileUnix, FileTimesInWholeSecondsWith32BitConversion) {
     qsTest::TempDir dir;
     std::string path = dir / "t";
     ZFileUnix f;
-    FILETIME ft;
-    EXPECT_FALSE(f.GetFileTime(nullptr, &ft, &ft));
     ASSERT_EQ(Open(f, path, CREATE_NEW), QS_OK);
-
     const uint64_t seconds = 1700000000;
     FILETIME write =
         qsUInt64ToFileTime(seconds * QS_FILETIME_PER_SECOND + QS_FILETIME_UNIX_EPOCH + 1234567);
     FILETIME access = qsUInt64ToFileTime(QS_FILETIME_UNIX_EPOCH + 86400 * QS_FILETIME_PER_SECOND);
     ASSERT_TRUE(f.SetFileTime(nullptr, &access, &write));
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, time_t(seconds));
-    EXPECT_EQ(st.st_atime, time_t(86400));
-
-    FILETIME gotAccess, gotWrite, creation{7, 7};
-    ASSERT_TRUE(f.GetFileTime(&creation, &gotAccess, &gotWrite));
+    FILETIME gotAccess, gotWrite;
+    ASSERT_TRUE(f.GetFileTime(nullptr, &gotAccess, &gotWrite));
     EXPECT_EQ(qsFileTimeToUInt64(gotWrite), qsFileTimeToUInt64(write) - 1234567);
     EXPECT_EQ(qsFileTimeToUInt64(gotAccess), qsFileTimeToUInt64(access));
-    EXPECT_EQ(creation.dwLowDateTime, 7u); // never filled
 
     // Only the given time changes.  The conversion adds 0x49EF6F00 modulo
     // 2^32, so FILETIME 0 (1601) lands in 2009, not before 1970.
     FILETIME zero{0, 0};
     ASSERT_TRUE(f.SetFileTime(nullptr, nullptr, &zero));
+    struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mtime, time_t(0x49EF6F00));
     EXPECT_EQ(st.st_atime, time_t(86400));
@@ -328,14 +280,11 @@ TEST(ZFileUnix, FindDataAndIsDir) {
     qsTest::TempDir dir;
     ZFileUnix f;
     WIN32_FIND_DATAA data;
-    errno = 0;
     EXPECT_EQ(f.GetWinFindData((dir / "missing").c_str(), &data), QS_E_NOT_FOUND);
     EXPECT_EQ(f.GetWinFindData((dir / "missing/deeper").c_str(), &data), QS_E_NOT_FOUND);
     EXPECT_FALSE(f.IsDir((dir / "missing").c_str()));
-
-    ASSERT_EQ(f.GetWinFindData((dir.Path() + "/").c_str(), &data), QS_OK);
+    ASSERT_EQ(f.GetWinFindData(dir.Path().c_str(), &data), QS_OK);
     EXPECT_EQ(data.dwFileAttributes, FILE_ATTRIBUTE_DIRECTORY);
-    EXPECT_STREQ(data.cFileName, dir.Path().substr(dir.Path().rfind('/') + 1).c_str());
     EXPECT_TRUE(f.IsDir(dir.Path().c_str()));
 
     // A sparse file of 4 GiB + 5 bytes: the high part is filled.
@@ -350,25 +299,4 @@ TEST(ZFileUnix, FindDataAndIsDir) {
     EXPECT_EQ(data.nFileSizeLow, 5u);
     EXPECT_STREQ(data.cFileName, "big");
     EXPECT_FALSE(f.IsDir(path.c_str()));
-    EXPECT_EQ(f.GetWinFindData("/dev/null", &data), QS_OK);
-    EXPECT_EQ(data.dwFileAttributes, 0u);
-}
-
-TEST(ZFileUnix, SetHandleAdoptsADescriptor) {
-    qsTest::TempDir dir;
-    std::string path = dir / "h";
-    int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(fd, 0);
-    {
-        ZFileUnix f;
-        f.SetHandle(reinterpret_cast<void*>(intptr_t(fd)));
-        ASSERT_TRUE(f.IsOpen());
-        DWORD done;
-        EXPECT_TRUE(f.WriteFile("abc", 3, &done, nullptr));
-        EXPECT_EQ(f.GetFileSize(nullptr), 3u);
-    }
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1); // the object owned and closed it
-    ZFileUnix g;
-    g.SetHandle(nullptr);
-    EXPECT_FALSE(g.IsOpen());
 }
