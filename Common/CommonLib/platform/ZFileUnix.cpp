@@ -115,6 +115,9 @@ qsStatus ZFileUnix::CreateFileA(const char* path, DWORD access, DWORD, _SECURITY
         openMode = O_RDWR;
     else if (writes)
         openMode = O_WRONLY;
+    // A supervised program must not inherit its supervisor's log files: the
+    // descriptor is closed on exec (forked children keep it, as they must).
+    openMode |= O_CLOEXEC;
 
     int createFlags;
     switch (disposition) {
