@@ -7,5 +7,5 @@ jobs=$(nproc)
 scripts/deps.sh build tools
 
 echo "== build and test (build/)"
-scripts/build.sh build
+scripts/build.sh build -DQS_BUILD_TESTS=ON
 ctest --test-dir build -j "$jobs" --output-on-failure --timeout 300
