@@ -129,6 +129,7 @@ public:
     // A header without any record yet does not pass.
     bool IsValid(DWORD sizeKB) const;
 
+    // Header fields converted to native order; 0 on a header that is not valid.
     DWORD SizeInBytes() const;
     DWORD RecordCount() const;
     DWORD WrapCount() const;
@@ -136,19 +137,24 @@ public:
     DWORD NextRecOffset() const;
 
     // Newest record; the image start itself when there is none (so that the
-    // first record's previous offset is 0); null when the header is not valid.
+    // first record's previous offset is 0); null when the header is not valid
+    // or its last offset cannot hold a record.
     const ZLogRec* LastRec() const;
     // Oldest intact record, found by walking back from offset 28; or null.
     const ZLogRec* FirstRec() const;
     // One step of a walk: the next newer / older record, or null when the
-    // chain ends (signature or id mismatch).
+    // chain ends (signature or id mismatch).  `rec` must point into this
+    // image; the caller checks that it is still the record it expects.
     const ZLogRec* NextRec(const ZLogRec* rec) const;
     const ZLogRec* PrevRec(const ZLogRec* rec) const;
 
-    // Never reads past the image, also for an offset within 40 bytes of its end.
+    // Never read past the image: an offset (or a pointer) below 28, not a
+    // multiple of 4, or within 40 bytes of the end holds no record.  Any
+    // image, however damaged, can be walked; every walk ends.
     bool IsRecordValid(const ZLogRec* rec, DWORD offset) const;
     bool IsRecordValid(DWORD offset) const;
 
+    // Plain address arithmetic on the image, no checks.
     DWORD OffsetOf(const ZLogRec* rec) const;
     const ZLogRec* RecAt(DWORD offset) const;
 

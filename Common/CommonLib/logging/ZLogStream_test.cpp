@@ -431,8 +431,9 @@ TEST(ZLogStreamConcurrency, ThreadsAndForkedWritersShareOneWrappingFile) {
         int writer = -1, seq = -1;
         ASSERT_EQ(sscanf(r.c_str(), "w%d #%d", &writer, &seq), 2) << r;
         auto found = lastSeq.find(writer);
-        if (found != lastSeq.end())
+        if (found != lastSeq.end()) {
             EXPECT_LT(found->second, seq) << "writer " << writer;
+        }
         lastSeq[writer] = seq;
     }
     RecordProperty("appends", kMessages * (kProcesses + kThreads));

@@ -59,9 +59,8 @@ qsStatus ZFile::CreateFileA(const char* path, DWORD access, DWORD share, _SECURI
 
 bool ZFile::IsOpen() const { return m_pDelegate && m_pDelegate->IsOpen(); }
 bool ZFile::IsPreExisting() const { return m_pDelegate && m_pDelegate->IsPreExisting(); }
-const char* ZFile::GetFileName() const {
-    return m_pDelegate ? m_pDelegate->GetFileName() : nullptr;
-}
+// A closed file's name is empty, never null: callers print it.
+const char* ZFile::GetFileName() const { return m_pDelegate ? m_pDelegate->GetFileName() : ""; }
 bool ZFile::CloseHandle() { return m_pDelegate && m_pDelegate->CloseHandle(); }
 
 DWORD ZFile::GetFileSize(DWORD* high) {
@@ -142,6 +141,12 @@ void* ZFile::CreateFileMappingA(_SECURITY_ATTRIBUTES* sa, DWORD protect, DWORD m
                        : nullptr;
 }
 int ZFile::fstat(struct stat* st) { return m_pDelegate ? m_pDelegate->fstat(st) : -1; }
+
+void ZFile::SetLogErrors(bool on) {
+    ZFileABC::SetLogErrors(on);
+    if (m_pDelegate)
+        m_pDelegate->SetLogErrors(on);
+}
 
 void ZFile::SetNFSCredentials(int uid, const std::vector<int>& gids) {
     ZFileABC::SetNFSCredentials(uid, gids);

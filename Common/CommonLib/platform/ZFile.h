@@ -18,6 +18,8 @@ public:
     // Returns 0, or a failure status when no delegate can serve the path.
     qsStatus InitDelegate(const char* path);
     ZFileABC* Delegate() const { return m_pDelegate; }
+    // Also switches the current delegate (a new one inherits the flag).
+    void SetLogErrors(bool on);
 
     qsStatus CreateFileA(const char* path, DWORD access, DWORD share, _SECURITY_ATTRIBUTES* sa,
                          DWORD disposition, DWORD flagsAndAttributes,

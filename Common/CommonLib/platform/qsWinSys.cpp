@@ -69,8 +69,10 @@ DWORD GetFileAttributes_Common(const char* path, WIN32_FILE_ATTRIBUTE_DATA* data
         errno = ERROR_INVALID_PARAMETER;
         return INVALID_FILE_ATTRIBUTES;
     }
-    struct stat st;
-    if (stat(path, &st) != 0) {
+    // The 64-bit record, so that a 32-bit build does not fail with EOVERFLOW
+    // on files past 2 GiB or on file systems with 64-bit inode numbers.
+    struct stat64 st;
+    if (stat64(path, &st) != 0) {
         if (errno == ENOENT)
             errno = ERROR_FILE_NOT_FOUND;
         else if (errno == EACCES)
