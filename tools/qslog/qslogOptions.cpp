@@ -69,7 +69,8 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
                           ->check(CLI::IsMember({"default", "events", "perfctrs"}));
     auto* follow = app.add_flag("-f,--follow", out.follow,
                                 "Keep printing records as they are appended");
-    app.add_option("-n,--lines", out.lines, "Show only the last N records");
+    app.add_option("-n,--lines", out.lines, "Show only the last N records")
+        ->check(CLI::NonNegativeNumber);
     auto* reverse = app.add_flag("-r,--reverse", out.reverse, "Newest record first");
     app.add_option("-p,--priority", priority,
                    "Minimum severity: info, normal, warning, error, or a number");

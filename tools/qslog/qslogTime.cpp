@@ -221,8 +221,11 @@ void TimeFormatter::Convert(int64_t second) {
     struct tm tm;
     if (!localtime_r(&t, &tm))
         memset(&tm, 0, sizeof tm);
-    snprintf(m_Date, sizeof m_Date, "%04d-%02d-%02d %02d:%02d:%02d", (tm.tm_year + 1900) % 10000,
-             tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    // Every field kept to its width, so the line layout never shifts.
+    snprintf(m_Date, sizeof m_Date, "%04u-%02u-%02u %02u:%02u:%02u",
+             unsigned(tm.tm_year + 1900) % 10000u, unsigned(tm.tm_mon + 1) % 100u,
+             unsigned(tm.tm_mday) % 100u, unsigned(tm.tm_hour) % 100u, unsigned(tm.tm_min) % 100u,
+             unsigned(tm.tm_sec) % 100u);
     long off = tm.tm_gmtoff / 60;
     char sign = off < 0 ? '-' : '+';
     if (off < 0)

@@ -1,0 +1,264 @@
+// Copying and walking log images built in memory with the library's own
+// placement, whole, wrapped, damaged and changing under the reader.
+#include "qslogWalk.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <new>
+#include <random>
+#include <sys/mman.h>
+#include <unistd.h>
+
+using namespace qslog;
+
+namespace {
+
+// A log image of sizeKB with a start record and `messages` narrow messages.
+struct Image {
+    std::vector<uint64_t> words;
+    ZLogFile* file;
+
+    Image(DWORD sizeKB, int messages) : words(sizeKB * 1024 / 8) {
+        file = new (words.data()) ZLogFile(sizeKB);
+        file->WriteStartRec();
+        for (int i = 0; i < messages; ++i)
+            Add("message " + std::to_string(i));
+    }
+    void Add(const std::string& text, int32_t severity = 1) {
+        void* p = nullptr;
+        ASSERT_EQ(file->NewRecord(LOGREC_STRING_A, 0, DWORD(8 + text.size()), &p), QS_OK);
+        int32_t code = 0;
+        memcpy(p, &code, 4);
+        memcpy(static_cast<char*>(p) + 4, &severity, 4);
+        memcpy(static_cast<char*>(p) + 8, text.data(), text.size());
+    }
+    uint8_t* Bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
+    size_t Size() const { return words.size() * 8; }
+    void Poke(size_t at, uint32_t v) { memcpy(Bytes() + at, &v, 4); }
+};
+
+// An anonymous file holding `bytes`.
+int MemFile(const void* bytes, size_t size) {
+    int fd = memfd_create("qslog-walk", MFD_CLOEXEC);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(pwrite(fd, bytes, size, 0), ssize_t(size));
+    return fd;
+}
+
+struct Walked {
+    LogImage image;
+    std::vector<Entry> entries;
+    ChainSummary chain;
+    LogImage::Load load;
+
+    Walked(const void* bytes, size_t size, DWORD after = 0) {
+        int fd = MemFile(bytes, size);
+        load = image.Read(fd);
+        if (load == LogImage::Load::Ok) {
+            chain = CollectRecords(image, after, 0, entries);
+            ConfirmWithFile(fd, image, entries);
+        }
+        close(fd);
+    }
+    std::vector<DWORD> Ids() const {
+        std::vector<DWORD> ids;
+        for (const Entry& e : entries)
+            if (!e.IsGap())
+                ids.push_back(e.rec.Id());
+        return ids;
+    }
+};
+
+std::vector<DWORD> Range(DWORD first, DWORD last) {
+    std::vector<DWORD> v;
+    for (DWORD i = first; i <= last; ++i)
+        v.push_back(i);
+    return v;
+}
+
+} // namespace
+
+TEST(QslogWalk, AWholeFileGivesEveryRecordInOrder) {
+    Image img(4, 30);
+    Walked w(img.Bytes(), img.Size());
+    ASSERT_EQ(w.load, LogImage::Load::Ok);
+    EXPECT_TRUE(w.image.Problems().empty());
+    EXPECT_TRUE(w.image.HeaderValid());
+    EXPECT_EQ(w.Ids(), Range(1, 31));
+    EXPECT_TRUE(w.chain.valid);
+    EXPECT_EQ(w.chain.records, 31u);
+    EXPECT_EQ(w.entries[0].rec.offset, 28u);
+    EXPECT_EQ(w.entries[0].rec.Type(), LOGREC_START);
+
+    // `after` leaves out what was already seen.
+    Walked later(img.Bytes(), img.Size(), 25);
+    EXPECT_EQ(later.Ids(), Range(26, 31));
+}
+
+TEST(QslogWalk, AWrappedFileGivesTheIntactRecordsUpToTheNewest) {
+    Image img(1, 200);
+    ASSERT_GT(img.file->WrapCount(), 5u);
+    Walked w(img.Bytes(), img.Size());
+    EXPECT_TRUE(w.image.Problems().empty());
+    std::vector<DWORD> ids = w.Ids();
+    ASSERT_FALSE(ids.empty());
+    EXPECT_EQ(ids.back(), 201u);
+    EXPECT_EQ(ids.front(), img.file->FirstRec()->GetRecInfoRecordId());
+    EXPECT_EQ(ids, Range(ids.front(), 201));
+}
+
+TEST(QslogWalk, ARecordEndingAtTheEndOfTheFileDoesNotStopTheWalk) {
+    // 68 + 16 * 56 + 60 = 1024: record 18 ends exactly at the end.
+    Image img(1, 0);
+    for (int i = 0; i < 16; ++i)
+        img.Add("12345678");
+    img.Add("123456789012");
+    ASSERT_EQ(img.file->WrapCount(), 0u);
+    img.Add("after");
+    img.Add("after");
+    ASSERT_EQ(img.file->WrapCount(), 1u);
+    // The library's forward walk stops before record 18 ...
+    const ZLogRec* r = img.file->FirstRec();
+    while (const ZLogRec* n = img.file->NextRec(r))
+        r = n;
+    EXPECT_LT(r->GetRecInfoRecordId(), 18u);
+    // ... the walk from the newest does not.
+    Walked w(img.Bytes(), img.Size());
+    std::vector<DWORD> ids = w.Ids();
+    EXPECT_EQ(ids, Range(ids.front(), 20));
+    EXPECT_TRUE(w.chain.valid);
+}
+
+TEST(QslogWalk, ABrokenChainLeavesAGapBetweenTwoIntactParts) {
+    Image img(4, 30);
+    Walked whole(img.Bytes(), img.Size());
+    DWORD offset10 = whole.entries[9].rec.offset, offset11 = whole.entries[10].rec.offset;
+    img.Poke(offset10, 0);
+    img.Poke(offset11 + 24, 77); // record 11's id
+    Walked w(img.Bytes(), img.Size());
+    std::vector<DWORD> ids = w.Ids();
+    std::vector<DWORD> expected = Range(1, 9);
+    for (DWORD i = 12; i <= 31; ++i)
+        expected.push_back(i);
+    EXPECT_EQ(ids, expected);
+    EXPECT_FALSE(w.chain.valid);
+    EXPECT_EQ(w.chain.lost, 2u);
+    ASSERT_EQ(w.entries.size(), 30u);
+    const Entry& gap = w.entries[9];
+    ASSERT_TRUE(gap.IsGap());
+    EXPECT_EQ(gap.lostFirst, 10u);
+    EXPECT_EQ(gap.lostLast, 11u);
+    ASSERT_EQ(w.image.Problems().size(), 1u);
+    EXPECT_EQ(w.image.Problems()[0], "record chain broken: records #10 to #11 cannot be read");
+}
+
+TEST(QslogWalk, HeaderDamageIsRepairedInTheCopyOnly) {
+    Image img(2, 20);
+    const std::vector<uint64_t> good = img.words;
+
+    img.Poke(0, 0x01020304);
+    Walked sig(img.Bytes(), img.Size());
+    ASSERT_EQ(sig.load, LogImage::Load::Ok);
+    EXPECT_TRUE(sig.image.HeaderRebuilt());
+    EXPECT_EQ(sig.Ids(), Range(1, 21));
+
+    img.words = good;
+    img.Poke(20, 5); // record count
+    Walked count(img.Bytes(), img.Size());
+    EXPECT_EQ(count.Ids(), Range(1, 21));
+    EXPECT_FALSE(count.chain.valid);
+    ASSERT_EQ(count.image.Problems().size(), 1u);
+    EXPECT_EQ(count.image.Problems()[0], "the header counts 5 records but the newest is #21");
+
+    // A count one ahead is a writer between placing a record and publishing
+    // it, not damage.
+    img.words = good;
+    img.Poke(20, 22);
+    Walked ahead(img.Bytes(), img.Size());
+    EXPECT_TRUE(ahead.chain.valid);
+    EXPECT_EQ(ahead.Ids(), Range(1, 21));
+
+    // Cut short: the size field is bounded by the bytes read.
+    img.words = good;
+    Walked cut(img.Bytes(), 1000);
+    ASSERT_EQ(cut.load, LogImage::Load::Ok);
+    EXPECT_EQ(cut.image.Size(), 1000u);
+    std::vector<DWORD> ids = cut.Ids();
+    ASSERT_FALSE(ids.empty());
+    EXPECT_EQ(ids, Range(1, ids.back()));
+    for (const Entry& e : cut.entries)
+        EXPECT_LE(e.rec.offset + e.rec.recSize, 1000u);
+}
+
+TEST(QslogWalk, ThingsThatAreNoLogAreTold) {
+    std::vector<uint8_t> zeros(4096, 0);
+    EXPECT_EQ(Walked(zeros.data(), zeros.size()).load, LogImage::Load::NotALog);
+    EXPECT_EQ(Walked(zeros.data(), 0).load, LogImage::Load::NotALog);
+    EXPECT_EQ(Walked(zeros.data(), 12).load, LogImage::Load::NotALog);
+
+    // A fresh header without a record.
+    alignas(8) uint8_t fresh[1024] = {};
+    new (fresh) ZLogFile(1);
+    Walked empty(fresh, sizeof fresh);
+    ASSERT_EQ(empty.load, LogImage::Load::Ok);
+    EXPECT_TRUE(empty.entries.empty());
+    ASSERT_EQ(empty.image.Problems().size(), 1u);
+    EXPECT_EQ(empty.image.Problems()[0], "no records yet (a header only)");
+}
+
+TEST(QslogWalk, RandomDamageStaysInsideTheImage) {
+    Image img(2, 90);
+    const std::vector<uint64_t> good = img.words;
+    std::mt19937 rng(7);
+    for (int round = 0; round < 3000; ++round) {
+        img.words = good;
+        for (int h = 1 + int(rng() % 5); h > 0; --h) {
+            size_t at = rng() % 8 == 0 ? (rng() % 7) * 4 : (rng() % (img.Size() / 4)) * 4;
+            uint32_t values[] = {uint32_t(rng()), 0, 0xFFFFFFFF, uint32_t(at), 28, 2048, 40,
+                                 LOG_REC_SIGNATURE};
+            img.Poke(at, values[rng() % 8]);
+        }
+        size_t size = rng() % 4 == 0 ? rng() % img.Size() : img.Size();
+        Walked w(img.Bytes(), size);
+        DWORD last = 0;
+        for (const Entry& e : w.entries) {
+            if (e.IsGap()) {
+                ASSERT_GT(e.lostFirst, last);
+                last = e.lostLast;
+                continue;
+            }
+            ASSERT_GT(e.rec.Id(), last) << "round " << round;
+            last = e.rec.Id();
+            ASSERT_GE(e.rec.offset, 28u);
+            ASSERT_LE(uint64_t(e.rec.offset) + e.rec.recSize, w.image.Size());
+            ASSERT_LE(w.image.Size(), size);
+        }
+    }
+}
+
+TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
+    Image img(2, 20);
+    int fd = MemFile(img.Bytes(), img.Size());
+    LogImage image;
+    ASSERT_EQ(image.Read(fd), LogImage::Load::Ok);
+    std::vector<Entry> entries;
+    CollectRecords(image, 0, 0, entries);
+    ASSERT_EQ(entries.size(), 21u);
+
+    // Since the copy: records 1 and 2 overwritten, and the newest record's
+    // payload completed (its last byte changed).
+    uint32_t junk = 0xDEADBEEF;
+    pwrite(fd, &junk, 4, entries[0].rec.offset + 24);
+    pwrite(fd, &junk, 4, entries[1].rec.offset + 8);
+    const Record& newest = entries.back().rec;
+    char z = 'Z';
+    pwrite(fd, &z, 1, newest.offset + newest.recSize - 1);
+
+    EXPECT_TRUE(ConfirmWithFile(fd, image, entries));
+    ASSERT_EQ(entries.size(), 19u);
+    EXPECT_EQ(entries.front().rec.Id(), 3u);
+    std::string scratch;
+    EXPECT_EQ(RecordText(entries.back().rec, scratch), "message 1Z");
+    close(fd);
+}
