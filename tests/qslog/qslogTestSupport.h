@@ -181,8 +181,8 @@ inline qsStatus WriteMessageAt(ZLogStream& log, uint64_t filetime, DWORD pid, in
     memcpy(payload.data(), &code, 4);
     memcpy(payload.data() + 4, &severity, 4);
     memcpy(payload.data() + 8, text.data(), text.size());
-    return log.WriteRec(payload.data(), DWORD(payload.size()), qsUInt64ToFileTime(filetime), pid,
-                        7, LOGREC_STRING_A, 0);
+    return log.WriteRec(payload.data(), DWORD(payload.size()), qsUInt64ToFileTime(filetime), pid, 7,
+                        LOGREC_STRING_A, 0);
 }
 
 inline uint64_t NowFileTime() {

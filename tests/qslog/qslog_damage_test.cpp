@@ -21,7 +21,9 @@ std::string MakeLog(const TempDir& dir, const std::string& name, DWORD sizeKB = 
     return dir / name;
 }
 
-void Poke(std::vector<uint8_t>& b, size_t at, uint32_t value) { memcpy(b.data() + at, &value, 4); }
+void Poke(std::vector<uint8_t>& b, size_t at, uint32_t value) {
+    memcpy(b.data() + at, &value, 4);
+}
 
 std::string Write(const TempDir& dir, const std::string& name, const std::vector<uint8_t>& b) {
     WriteFileBytes(dir / name, b.data(), b.size());
@@ -107,7 +109,7 @@ TEST(QslogDamage, ABrokenRecordLeavesAGapAndTheRestIsPrinted) {
     auto bytes = ReadFileBytes(path);
     std::vector<DWORD> offsets = RecordOffsets(bytes); // newest first
     ASSERT_EQ(offsets.size(), 41u);
-    DWORD victim = offsets[offsets.size() - 20];       // record #20
+    DWORD victim = offsets[offsets.size() - 20]; // record #20
     Poke(bytes, victim, 0x12345678);
     std::string bad = Write(dir, "bad.log", bytes);
 
@@ -219,11 +221,12 @@ TEST(QslogDamage, RandomDamageNeverCrashesOrHangs) {
         if (rng() % 5 == 0)
             bytes.resize(rng() % bytes.size());
         std::string file = Write(dir, "fuzz.log", bytes);
-        for (std::vector<std::string> args : {std::vector<std::string>{file},
-                                              {forms[0], forms[1], file}, {"--stat", file}}) {
+        for (std::vector<std::string> args :
+             {std::vector<std::string>{file}, {forms[0], forms[1], file}, {"--stat", file}}) {
             RunResult r = RunQslog(args);
             ASSERT_TRUE(r.status == 0 || r.status == 1)
-                << "round " << round << " " << args[0] << " status " << r.status << "\n" << r.err;
+                << "round " << round << " " << args[0] << " status " << r.status << "\n"
+                << r.err;
             std::vector<DWORD> ids = PrintedIds(r.out);
             for (size_t i = 1; i < ids.size(); ++i)
                 ASSERT_LT(ids[i - 1], ids[i]) << "round " << round;

@@ -129,7 +129,10 @@ TEST(QslogRead, ReadsTheDefaultStreamWhereTheLibraryPutsIt) {
 
     // Without QS_LOG_DIR: "Logs" under HOME.
     TempDir home("home");
-    { auto log = OpenLog(home / "Logs", HostFile(0), 8); log->PrintString("from home", 0, 1, 0); }
+    {
+        auto log = OpenLog(home / "Logs", HostFile(0), 8);
+        log->PrintString("from home", 0, 1, 0);
+    }
     r = RunQslog({}, {{"QS_LOG_DIR", std::nullopt}, {"HOME", home.Path()}});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("normal: from home"), std::string::npos) << r.out;
@@ -138,8 +141,8 @@ TEST(QslogRead, ReadsTheDefaultStreamWhereTheLibraryPutsIt) {
 TEST(QslogRead, NeverCreatesALogOrALogDirectory) {
     TempDir dir("nolog");
     std::string missing = dir / "not-yet";
-    for (std::vector<std::string> args : {std::vector<std::string>{}, {"--stat"}, {"-f"},
-                                          {"--stream", "events", "-n", "3"}}) {
+    for (std::vector<std::string> args :
+         {std::vector<std::string>{}, {"--stat"}, {"-f"}, {"--stream", "events", "-n", "3"}}) {
         RunResult r = RunQslog(args, {{"QS_LOG_DIR", missing}});
         EXPECT_EQ(r.status, 2) << r.err;
         struct stat st;
@@ -367,11 +370,18 @@ TEST(QslogRead, UsageErrorsExitWithTwo) {
     TempDir dir("usage");
     { auto log = OpenLog(dir.Path(), "u.log", 4); }
     std::string path = dir / "u.log";
-    for (std::vector<std::string> args :
-         {std::vector<std::string>{"--bogus", path}, {"-f", "-r", path}, {"-f", "--stat", path},
-          {"--since", "next tuesday", path}, {"-p", "loud", path}, {"-o", "xml", path},
-          {"-n", "-3", path}, {"--stream", "events", path}, {"--code", "0x1FFFFFFFF", path},
-          {"-g", "(unclosed", path}, {dir.Path()}, {dir / "missing.log"}}) {
+    for (std::vector<std::string> args : {std::vector<std::string>{"--bogus", path},
+                                          {"-f", "-r", path},
+                                          {"-f", "--stat", path},
+                                          {"--since", "next tuesday", path},
+                                          {"-p", "loud", path},
+                                          {"-o", "xml", path},
+                                          {"-n", "-3", path},
+                                          {"--stream", "events", path},
+                                          {"--code", "0x1FFFFFFFF", path},
+                                          {"-g", "(unclosed", path},
+                                          {dir.Path()},
+                                          {dir / "missing.log"}}) {
         RunResult r = RunQslog(args);
         EXPECT_EQ(r.status, 2) << args[0] << ": " << r.err;
         EXPECT_NE(r.err.find("qslog: "), std::string::npos) << r.err;

@@ -26,7 +26,9 @@ using namespace qslog;
 
 volatile sig_atomic_t g_Stop = 0;
 
-void OnStopSignal(int) { g_Stop = 1; }
+void OnStopSignal(int) {
+    g_Stop = 1;
+}
 
 // SIGINT, SIGTERM and SIGHUP end a follow cleanly; without SA_RESTART, so
 // that a sleep or a blocked write returns at once.

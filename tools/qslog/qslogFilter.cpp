@@ -38,8 +38,8 @@ bool ParseSeverity(std::string_view text, int32_t& out) {
     static const struct {
         const char* name;
         int32_t value;
-    } kNames[] = {{"info", 0},    {"normal", 1}, {"warning", 2},
-                  {"warn", 2},    {"error", 3},  {"err", 3}};
+    } kNames[] = {{"info", 0}, {"normal", 1}, {"warning", 2},
+                  {"warn", 2}, {"error", 3},  {"err", 3}};
     std::string lower(text);
     std::transform(lower.begin(), lower.end(), lower.begin(),
                    [](unsigned char c) { return char(tolower(c)); });

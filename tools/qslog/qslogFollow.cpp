@@ -70,8 +70,8 @@ Follower::Poll Follower::Check(std::vector<Entry>& fresh, DWORD& lost) {
     size_t start = 0;
     if (m_HaveLast) {
         const Entry* first = firstRecord();
-        bool restarted = count < m_LastId ||
-                         (first && first->rec.Id() == m_LastId && !SameAsLast(first->rec));
+        bool restarted =
+            count < m_LastId || (first && first->rec.Id() == m_LastId && !SameAsLast(first->rec));
         if (restarted) {
             got.clear();
             CollectRecords(image, 0, m_File, got);

@@ -53,8 +53,7 @@ DWORD StoredSignature(const Record& r) {
 
 } // namespace
 
-Formatter::Formatter(OutputFormat format, bool color, std::vector<std::string> files,
-                     bool tagFiles)
+Formatter::Formatter(OutputFormat format, bool color, std::vector<std::string> files, bool tagFiles)
     : m_Format(format), m_Color(color && format != OutputFormat::Json), m_Files(std::move(files)),
       m_TagFiles(tagFiles) {}
 

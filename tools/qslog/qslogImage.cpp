@@ -91,8 +91,8 @@ LogImage::Load LogImage::Check() {
         return Load::NotALog;
     }
     DWORD first = Word(kSignature);
-    bool signature = first == LOG_FILE_SIGNATURE ||
-                     first == qsBitUtils::ReverseEndiannessOf(LOG_FILE_SIGNATURE);
+    bool signature =
+        first == LOG_FILE_SIGNATURE || first == qsBitUtils::ReverseEndiannessOf(LOG_FILE_SIGNATURE);
     if (m_FileSize < LOG_FILE_HEADER_SIZE) {
         AddProblem(signature ? Format("truncated: %u bytes, less than a header", m_FileSize)
                              : Format("not a log file (%u bytes)", m_FileSize));
@@ -120,8 +120,8 @@ LogImage::Load LogImage::Check() {
 
     m_HeaderValid = h.size == m_FileSize && h.size % 1024 == 0 && File()->IsValid(h.size >> 10);
     if (h.size > m_FileSize)
-        AddProblem(Format("truncated: the header says %u bytes, the file has %u", h.size,
-                          m_FileSize));
+        AddProblem(
+            Format("truncated: the header says %u bytes, the file has %u", h.size, m_FileSize));
     else if (h.size < m_FileSize)
         AddProblem(Format("%u bytes after the end of the log (the header says %u bytes)",
                           m_FileSize - h.size, h.size));
@@ -176,9 +176,13 @@ const ZLogRec* LogImage::ScanForNewest() const {
 void LogImage::Rebuild(const ZLogRec* newest) {
     DWORD offset = DWORD(reinterpret_cast<const uint8_t*>(newest) - Bytes());
     DWORD next = offset + ZLogRecActualSize(newest->GetRecSize());
-    DWORD words[7] = {LOG_FILE_SIGNATURE, LOG_FILE_VERSION, m_Size,
-                      offset,             next > m_Size ? m_Size : next,
-                      newest->GetRecInfoRecordId(), 0};
+    DWORD words[7] = {LOG_FILE_SIGNATURE,
+                      LOG_FILE_VERSION,
+                      m_Size,
+                      offset,
+                      next > m_Size ? m_Size : next,
+                      newest->GetRecInfoRecordId(),
+                      0};
     memcpy(Bytes(), words, sizeof words);
     m_Rebuilt = true;
     m_HeaderValid = false;

@@ -51,8 +51,7 @@ bool ParseCode(const std::string& text, DWORD& out) {
 
 } // namespace
 
-int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
-                 std::string& text) {
+int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, std::string& text) {
     CLI::App app{"Prints the records of the binary, circular log files written by the logging "
                  "library, oldest first.",
                  "qslog"};
@@ -67,8 +66,8 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
     app.add_option("FILE", out.files, "Log files to read (default: this host's default stream)");
     auto* streamOpt = app.add_option("--stream", stream, "Which default stream to read")
                           ->check(CLI::IsMember({"default", "events", "perfctrs"}));
-    auto* follow = app.add_flag("-f,--follow", out.follow,
-                                "Keep printing records as they are appended");
+    auto* follow =
+        app.add_flag("-f,--follow", out.follow, "Keep printing records as they are appended");
     app.add_option("-n,--lines", out.lines, "Show only the last N records")
         ->check(CLI::NonNegativeNumber);
     auto* reverse = app.add_flag("-r,--reverse", out.reverse, "Newest record first");
@@ -110,7 +109,7 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
         return kExitUsage;
     };
     out.stream = stream == "events" ? 1 : stream == "perfctrs" ? 2 : 0;
-    out.format = output == "json" ? OutputFormat::Json
+    out.format = output == "json"  ? OutputFormat::Json
                  : output == "raw" ? OutputFormat::Raw
                                    : OutputFormat::Short;
     out.color = color ? ColorMode::Always : noColor ? ColorMode::Never : ColorMode::Auto;
@@ -129,8 +128,8 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
         out.filter.codes.push_back(v);
     }
     std::string error;
-    for (auto [textTime, slot] : {std::pair{&since, &out.filter.since},
-                                  std::pair{&until, &out.filter.until}}) {
+    for (auto [textTime, slot] :
+         {std::pair{&since, &out.filter.since}, std::pair{&until, &out.filter.until}}) {
         if (textTime->empty())
             continue;
         uint64_t t;

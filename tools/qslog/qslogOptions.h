@@ -40,7 +40,6 @@ constexpr uint64_t kFollowBacklog = 10;
 // FILETIME).  Returns -1 when the program should go on with `out`; else the
 // exit code, with the text to print in `text`: --help and --version (0, for
 // standard output), a usage error (kExitUsage, for standard error).
-int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out,
-                 std::string& text);
+int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, std::string& text);
 
 } // namespace qslog

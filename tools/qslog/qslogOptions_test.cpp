@@ -10,8 +10,7 @@ namespace {
 
 int Parse(std::vector<const char*> args, Options& out, std::string& text) {
     args.insert(args.begin(), "qslog");
-    return ParseOptions(int(args.size()), args.data(), UnixMsToFileTime(1795266187000), out,
-                        text);
+    return ParseOptions(int(args.size()), args.data(), UnixMsToFileTime(1795266187000), out, text);
 }
 
 } // namespace
@@ -19,9 +18,10 @@ int Parse(std::vector<const char*> args, Options& out, std::string& text) {
 TEST(QslogOptions, ReadsEveryOption) {
     Options o;
     std::string text;
-    ASSERT_EQ(Parse({"-n", "5", "-r", "-p", "warn", "--pid", "7", "--pid", "9", "--since",
-                     "10 min ago", "--until", "@1795266000", "-g", "a|b", "-i", "--code", "0x2",
-                     "--code", "-1", "-o", "json", "--no-color", "x.log", "y.log"},
+    ASSERT_EQ(Parse({"-n",    "5",          "-r",      "-p",         "warn",    "--pid",       "7",
+                     "--pid", "9",          "--since", "10 min ago", "--until", "@1795266000", "-g",
+                     "a|b",   "-i",         "--code",  "0x2",        "--code",  "-1",          "-o",
+                     "json",  "--no-color", "x.log",   "y.log"},
                     o, text),
               -1)
         << text;
@@ -81,8 +81,8 @@ TEST(QslogOptions, HelpAndVersionAreNotErrors) {
     Options o;
     std::string text;
     EXPECT_EQ(Parse({"--help"}, o, text), kExitOk);
-    for (const char* part : {"Usage:", "--follow", "--since", "Examples:", "QS_LOG_DIR",
-                             "100 ms", "Exit status:"})
+    for (const char* part :
+         {"Usage:", "--follow", "--since", "Examples:", "QS_LOG_DIR", "100 ms", "Exit status:"})
         EXPECT_NE(text.find(part), std::string::npos) << part;
     EXPECT_EQ(Parse({"--version"}, o, text), kExitOk);
     EXPECT_EQ(text, "qslog 1.0\n");

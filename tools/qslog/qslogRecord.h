@@ -12,11 +12,11 @@
 namespace qslog {
 
 struct Record {
-    DWORD offset = 0;       // in the file
-    DWORD recSize = 0;      // 40 + payload bytes
+    DWORD offset = 0;  // in the file
+    DWORD recSize = 0; // 40 + payload bytes
     DWORD prevOffset = 0;
-    bool opposite = false;  // written on a machine of the other byte order
-    ZLogRecInfo info = {};  // native order
+    bool opposite = false; // written on a machine of the other byte order
+    ZLogRecInfo info = {}; // native order
     DWORD payloadSize = 0;
     const uint8_t* payload = nullptr; // as stored; only valid while its image lives
     // The first 32 payload bytes (fewer when the payload is shorter) as

@@ -109,8 +109,9 @@ TEST(QslogSelect, EachCriterionAndTheirSum) {
 TEST(QslogSelect, GapsShowOnlyBetweenChosenRecords) {
     Made m;
     std::vector<Entry> all = {
-        m.Message(1, 1, 1, 1, 0, "a"), Made::Gap(2, 4), m.Message(5, 5, 1, 3, 0, "b"),
-        Made::Gap(6, 6), m.Message(7, 7, 1, 1, 0, "c"),
+        m.Message(1, 1, 1, 1, 0, "a"), Made::Gap(2, 4),
+        m.Message(5, 5, 1, 3, 0, "b"), Made::Gap(6, 6),
+        m.Message(7, 7, 1, 1, 0, "c"),
     };
     EXPECT_EQ(Chosen(all, Filter()), (V{1, 1002, 5, 1006, 7}));
     EXPECT_EQ(Chosen(all, Filter(), 2), (V{5, 1006, 7}));
@@ -133,6 +134,6 @@ TEST(QslogSelect, MergingKeepsEachFilesOrderAndInterleavesByTime) {
     std::string scratch;
     for (const Entry& e : merged)
         order.push_back(e.IsGap() ? "gap" : std::string(RecordText(e.rec, scratch)));
-    EXPECT_EQ(order, (std::vector<std::string>{"a1", "gap", "b1", "a3", "a4 (clock went back)",
-                                               "b2"}));
+    EXPECT_EQ(order,
+              (std::vector<std::string>{"a1", "gap", "b1", "a3", "a4 (clock went back)", "b2"}));
 }

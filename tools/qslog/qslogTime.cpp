@@ -17,7 +17,9 @@ constexpr int64_t kEpochMs = int64_t(QS_FILETIME_UNIX_EPOCH / kUnitsPerMs);
 
 // Floor division, so that times before 1970 still give a millisecond part
 // between 0 and 999.
-int64_t FloorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
+int64_t FloorDiv(int64_t a, int64_t b) {
+    return a / b - ((a % b != 0) && ((a < 0) != (b < 0)));
+}
 
 void Put2(char* p, int v) {
     p[0] = char('0' + v / 10 % 10);
@@ -50,7 +52,8 @@ struct Scanner {
     bool Number(int64_t& v, int digits = 0) {
         size_t start = i;
         v = 0;
-        while (!AtEnd() && isdigit((unsigned char)s[i]) && (digits == 0 || int(i - start) < digits)) {
+        while (!AtEnd() && isdigit((unsigned char)s[i]) &&
+               (digits == 0 || int(i - start) < digits)) {
             if (v > INT64_MAX / 100)
                 return false;
             v = v * 10 + (s[i] - '0');

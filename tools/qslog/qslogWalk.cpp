@@ -97,8 +97,8 @@ ChainSummary CollectRecords(LogImage& image, DWORD after, int file, std::vector<
         DWORD gapFirst = std::max(fwd.back().Id(), after) + 1;
         if (gapFirst < oldestBack) {
             summary.lost = oldestBack - gapFirst;
-            image.AddProblem("record chain broken: records #" + std::to_string(gapFirst) +
-                             " to #" + std::to_string(oldestBack - 1) + " cannot be read");
+            image.AddProblem("record chain broken: records #" + std::to_string(gapFirst) + " to #" +
+                             std::to_string(oldestBack - 1) + " cannot be read");
         } else {
             image.AddProblem("record chain broken before #" + std::to_string(oldestBack) +
                              " (no record lost)");

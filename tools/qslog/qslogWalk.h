@@ -18,19 +18,19 @@ namespace qslog {
 // A record, or a gap of records that could not be read.
 struct Entry {
     Record rec;
-    DWORD lost = 0;      // a gap: this many records, ids lostFirst..lostLast
+    DWORD lost = 0; // a gap: this many records, ids lostFirst..lostLast
     DWORD lostFirst = 0;
     DWORD lostLast = 0;
-    int file = 0;        // index of the file among those given
+    int file = 0; // index of the file among those given
 
     bool IsGap() const { return lost != 0; }
 };
 
 struct ChainSummary {
-    DWORD records = 0;  // intact records collected
-    DWORD lost = 0;     // records between the oldest and the newest that could not be read
-    bool valid = true;  // one unbroken chain from the newest back to the oldest,
-                        // agreeing with the header's record count
+    DWORD records = 0; // intact records collected
+    DWORD lost = 0;    // records between the oldest and the newest that could not be read
+    bool valid = true; // one unbroken chain from the newest back to the oldest,
+                       // agreeing with the header's record count
 };
 
 // Appends the records of `image` with ids above `after` (0: all) to `out`,

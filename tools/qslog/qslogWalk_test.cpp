@@ -215,7 +215,7 @@ TEST(QslogWalk, RandomDamageStaysInsideTheImage) {
         img.words = good;
         for (int h = 1 + int(rng() % 5); h > 0; --h) {
             size_t at = rng() % 8 == 0 ? (rng() % 7) * 4 : (rng() % (img.Size() / 4)) * 4;
-            uint32_t values[] = {uint32_t(rng()), 0, 0xFFFFFFFF, uint32_t(at), 28, 2048, 40,
+            uint32_t values[] = {uint32_t(rng()),  0, 0xFFFFFFFF, uint32_t(at), 28, 2048, 40,
                                  LOG_REC_SIGNATURE};
             img.Poke(at, values[rng() % 8]);
         }

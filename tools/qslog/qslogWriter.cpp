@@ -8,9 +8,13 @@ namespace qslog {
 
 Writer::Writer(int fd, size_t capacity) : m_Fd(fd), m_Buffer(capacity) {}
 
-Writer::~Writer() { Flush(); }
+Writer::~Writer() {
+    Flush();
+}
 
-void Writer::Spill(size_t) { Flush(); }
+void Writer::Spill(size_t) {
+    Flush();
+}
 
 void Writer::WriteAll(const char* p, size_t n) {
     while (n > 0 && !m_Failed) {
