@@ -140,7 +140,7 @@ int FollowLoop(std::vector<Follower>& followers, const Filter& filter, Formatter
                     format.Put(out, e);
         }
         if (!out.Flush())
-            return kExitDamaged;
+            return stop ? kExitOk : kExitDamaged;
         if (stop || left == 0)
             break;
         struct timespec pause = {0, long(kPollIntervalMs) * 1000 * 1000};

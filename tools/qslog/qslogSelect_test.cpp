@@ -1,4 +1,4 @@
-// Filtering, -n and merging on records made by hand.
+// Choosing and merging records made by hand: gaps and clocks that go back.
 #include "qslogSelect.h"
 
 #include <gtest/gtest.h>
@@ -30,13 +30,6 @@ struct Made {
         e.rec.head[1] = uint32_t(severity);
         return e;
     }
-    static Entry Start(DWORD id, uint64_t time) {
-        Entry e;
-        e.rec.info.SetType(LOGREC_START);
-        e.rec.info.SetRecordId(id);
-        e.rec.info.SetTimestamp(qsUInt64ToFileTime(time));
-        return e;
-    }
     static Entry Gap(DWORD first, DWORD last, int file = 0) {
         Entry e;
         e.lost = last - first + 1;
@@ -58,53 +51,6 @@ std::vector<DWORD> Chosen(const std::vector<Entry>& all, const Filter& f,
 using V = std::vector<DWORD>;
 
 } // namespace
-
-TEST(QslogSelect, EachCriterionAndTheirSum) {
-    Made m;
-    std::vector<Entry> all = {
-        Made::Start(1, 100),
-        m.Message(2, 200, 10, 0, 0, "tick"),
-        m.Message(3, 300, 20, 2, 2, "Disk slow"),
-        m.Message(4, 400, 10, 3, int32_t(0xE0FF010B), "disk gone"),
-        m.Message(5, 500, 20, 1, 0, "net up"),
-    };
-    Filter none;
-    EXPECT_EQ(Chosen(all, none), (V{1, 2, 3, 4, 5}));
-    EXPECT_EQ(Chosen(all, none, 2), (V{4, 5}));
-    EXPECT_EQ(Chosen(all, none, 0), V{});
-
-    Filter sev;
-    sev.minSeverity = 1;
-    EXPECT_EQ(Chosen(all, sev), (V{1, 3, 4, 5})); // the start record counts as normal
-    sev.minSeverity = 3;
-    EXPECT_EQ(Chosen(all, sev), (V{4}));
-
-    Filter pid;
-    pid.pids = {20};
-    EXPECT_EQ(Chosen(all, pid), (V{3, 5}));
-
-    Filter code;
-    code.codes = {0xE0FF010B, 0};
-    EXPECT_EQ(Chosen(all, code), (V{2, 4, 5})); // not the start record: it has no code
-
-    Filter time;
-    time.since = 200;
-    time.until = 400;
-    EXPECT_EQ(Chosen(all, time), (V{2, 3, 4}));
-
-    Filter text;
-    std::string error;
-    text.pattern = std::make_shared<Pattern>();
-    ASSERT_TRUE(text.pattern->Compile("^disk", true, error));
-    EXPECT_EQ(Chosen(all, text), (V{3, 4}));
-    text.pids = {10};
-    EXPECT_EQ(Chosen(all, text, 5), (V{4}));
-
-    Filter started;
-    started.pattern = std::make_shared<Pattern>();
-    ASSERT_TRUE(started.pattern->Compile("log started", false, error));
-    EXPECT_EQ(Chosen(all, started), (V{1}));
-}
 
 TEST(QslogSelect, GapsShowOnlyBetweenChosenRecords) {
     Made m;

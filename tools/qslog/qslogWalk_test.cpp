@@ -79,80 +79,6 @@ std::vector<DWORD> Range(DWORD first, DWORD last) {
 
 } // namespace
 
-TEST(QslogWalk, AWholeFileGivesEveryRecordInOrder) {
-    Image img(4, 30);
-    Walked w(img.Bytes(), img.Size());
-    ASSERT_EQ(w.load, LogImage::Load::Ok);
-    EXPECT_TRUE(w.image.Problems().empty());
-    EXPECT_TRUE(w.image.HeaderValid());
-    EXPECT_EQ(w.Ids(), Range(1, 31));
-    EXPECT_TRUE(w.chain.valid);
-    EXPECT_EQ(w.chain.records, 31u);
-    EXPECT_EQ(w.entries[0].rec.offset, 28u);
-    EXPECT_EQ(w.entries[0].rec.Type(), LOGREC_START);
-
-    // `after` leaves out what was already seen.
-    Walked later(img.Bytes(), img.Size(), 25);
-    EXPECT_EQ(later.Ids(), Range(26, 31));
-}
-
-TEST(QslogWalk, AWrappedFileGivesTheIntactRecordsUpToTheNewest) {
-    Image img(1, 200);
-    ASSERT_GT(img.file->WrapCount(), 5u);
-    Walked w(img.Bytes(), img.Size());
-    EXPECT_TRUE(w.image.Problems().empty());
-    std::vector<DWORD> ids = w.Ids();
-    ASSERT_FALSE(ids.empty());
-    EXPECT_EQ(ids.back(), 201u);
-    EXPECT_EQ(ids.front(), img.file->FirstRec()->GetRecInfoRecordId());
-    EXPECT_EQ(ids, Range(ids.front(), 201));
-}
-
-TEST(QslogWalk, ARecordEndingAtTheEndOfTheFileDoesNotStopTheWalk) {
-    // 68 + 16 * 56 + 60 = 1024: record 18 ends exactly at the end.
-    Image img(1, 0);
-    for (int i = 0; i < 16; ++i)
-        img.Add("12345678");
-    img.Add("123456789012");
-    ASSERT_EQ(img.file->WrapCount(), 0u);
-    img.Add("after");
-    img.Add("after");
-    ASSERT_EQ(img.file->WrapCount(), 1u);
-    // The library's forward walk stops before record 18 ...
-    const ZLogRec* r = img.file->FirstRec();
-    while (const ZLogRec* n = img.file->NextRec(r))
-        r = n;
-    EXPECT_LT(r->GetRecInfoRecordId(), 18u);
-    // ... the walk from the newest does not.
-    Walked w(img.Bytes(), img.Size());
-    std::vector<DWORD> ids = w.Ids();
-    EXPECT_EQ(ids, Range(ids.front(), 20));
-    EXPECT_TRUE(w.chain.valid);
-}
-
-TEST(QslogWalk, ABrokenChainLeavesAGapBetweenTwoIntactParts) {
-    Image img(4, 30);
-    Walked whole(img.Bytes(), img.Size());
-    DWORD offset10 = whole.entries[9].rec.offset, offset11 = whole.entries[10].rec.offset;
-    img.Poke(offset10, 0);
-    img.Poke(offset11 + 24, 77); // record 11's id
-    Walked w(img.Bytes(), img.Size());
-    std::vector<DWORD> ids = w.Ids();
-    std::vector<DWORD> expected = Range(1, 9);
-    for (DWORD i = 12; i <= 31; ++i)
-        expected.push_back(i);
-    EXPECT_EQ(ids, expected);
-    EXPECT_FALSE(w.chain.valid);
-    EXPECT_EQ(w.chain.lost, 2u);
-    ASSERT_EQ(w.entries.size(), 30u);
-    const Entry& gap = w.entries[9];
-    ASSERT_TRUE(gap.IsGap());
-    EXPECT_EQ(gap.lostFirst, 10u);
-    EXPECT_EQ(gap.lostLast, 11u);
-    ASSERT_EQ(w.image.Problems().size(), 1u);
-    EXPECT_EQ(w.image.Problems()[0], "record chain broken: records #10 to #11 cannot be read");
-}
-
 TEST(QslogWalk, HeaderDamageIsRepairedInTheCopyOnly) {
     Image img(2, 20);
     const std::vector<uint64_t> good = img.words;
@@ -189,22 +115,6 @@ TEST(QslogWalk, HeaderDamageIsRepairedInTheCopyOnly) {
     EXPECT_EQ(ids, Range(1, ids.back()));
     for (const Entry& e : cut.entries)
         EXPECT_LE(e.rec.offset + e.rec.recSize, 1000u);
-}
-
-TEST(QslogWalk, ThingsThatAreNoLogAreTold) {
-    std::vector<uint8_t> zeros(4096, 0);
-    EXPECT_EQ(Walked(zeros.data(), zeros.size()).load, LogImage::Load::NotALog);
-    EXPECT_EQ(Walked(zeros.data(), 0).load, LogImage::Load::NotALog);
-    EXPECT_EQ(Walked(zeros.data(), 12).load, LogImage::Load::NotALog);
-
-    // A fresh header without a record.
-    alignas(8) uint8_t fresh[1024] = {};
-    new (fresh) ZLogFile(1);
-    Walked empty(fresh, sizeof fresh);
-    ASSERT_EQ(empty.load, LogImage::Load::Ok);
-    EXPECT_TRUE(empty.entries.empty());
-    ASSERT_EQ(empty.image.Problems().size(), 1u);
-    EXPECT_EQ(empty.image.Problems()[0], "no records yet (a header only)");
 }
 
 TEST(QslogWalk, RandomDamageStaysInsideTheImage) {

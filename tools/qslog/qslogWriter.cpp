@@ -1,6 +1,5 @@
 #include "qslogWriter.h"
 
-#include <cerrno>
 #include <charconv>
 #include <unistd.h>
 
@@ -18,9 +17,9 @@ void Writer::Spill(size_t) {
 
 void Writer::WriteAll(const char* p, size_t n) {
     while (n > 0 && !m_Failed) {
+        // An interrupted write is a stop signal while following (nothing
+        // else is caught): give up rather than block again.
         ssize_t done = write(m_Fd, p, n);
-        if (done < 0 && errno == EINTR)
-            continue;
         if (done <= 0) {
             m_Failed = true;
             return;
