@@ -58,7 +58,13 @@ Follower::Poll Follower::Check(std::vector<Entry>& fresh, DWORD& lost) {
 
     std::vector<Entry> got;
     CollectRecords(image, m_HaveLast && m_LastId > 0 ? m_LastId - 1 : 0, m_File, got);
-    m_Pending = !ConfirmWithFile(fd, image, got);
+    Confirm confirm = ConfirmWithFile(fd, image, got);
+    // Gone round the whole file while we copied it: copy again next time.
+    if (confirm == Confirm::Overrun) {
+        m_Pending = true;
+        return Poll::Quiet;
+    }
+    m_Pending = confirm != Confirm::Whole;
 
     auto firstRecord = [&]() -> const Entry* {
         for (const Entry& e : got)
@@ -75,7 +81,7 @@ Follower::Poll Follower::Check(std::vector<Entry>& fresh, DWORD& lost) {
         if (restarted) {
             got.clear();
             CollectRecords(image, 0, m_File, got);
-            m_Pending = !ConfirmWithFile(fd, image, got);
+            m_Pending = ConfirmWithFile(fd, image, got) != Confirm::Whole;
             start = 0;
             for (size_t i = got.size(); i-- > 0;)
                 if (!got[i].IsGap() && SameAsLast(got[i].rec)) {

@@ -10,6 +10,10 @@
 
 namespace qslog {
 
+namespace {
+constexpr int kReadAttempts = 5;
+}
+
 LogSource::~LogSource() {
     if (m_Fd >= 0)
         close(m_Fd);
@@ -44,24 +48,34 @@ bool LogSource::Open() {
 }
 
 bool LogSource::Read(int file, std::vector<Entry>& out) {
-    switch (m_Image.Read(m_Fd)) {
-    case LogImage::Load::Ok:
-        break;
-    case LogImage::Load::NotALog:
-        m_Status = kExitDamaged;
-        return false;
-    case LogImage::Load::TooLarge:
-        m_Status = kExitDamaged;
-        m_Error = "too large to be a log file";
-        return false;
-    case LogImage::Load::ReadError:
-        m_Status = kExitDamaged;
-        m_Error = strerror(errno);
-        return false;
-    }
+    // Writers that go round the whole file while it is copied leave nothing
+    // certain in the copy: copy again, a few times.
     std::vector<Entry> mine;
-    m_Chain = CollectRecords(m_Image, 0, file, mine);
-    ConfirmWithFile(m_Fd, m_Image, mine);
+    Confirm confirm = Confirm::Overrun;
+    for (int attempt = 0; attempt < kReadAttempts && confirm == Confirm::Overrun; ++attempt) {
+        switch (m_Image.Read(m_Fd)) {
+        case LogImage::Load::Ok:
+            break;
+        case LogImage::Load::NotALog:
+            m_Status = kExitDamaged;
+            return false;
+        case LogImage::Load::TooLarge:
+            m_Status = kExitDamaged;
+            m_Error = "too large to be a log file";
+            return false;
+        case LogImage::Load::ReadError:
+            m_Status = kExitDamaged;
+            m_Error = strerror(errno);
+            return false;
+        }
+        mine.clear();
+        m_Chain = CollectRecords(m_Image, 0, file, mine);
+        confirm = ConfirmWithFile(m_Fd, m_Image, mine);
+    }
+    if (confirm == Confirm::Overrun) {
+        mine.clear();
+        m_Image.AddProblem("written over faster than it can be read; try again");
+    }
     out.insert(out.end(), mine.begin(), mine.end());
     if (!m_Image.Problems().empty())
         m_Status = kExitDamaged;

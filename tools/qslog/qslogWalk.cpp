@@ -129,36 +129,71 @@ ChainSummary CollectRecords(LogImage& image, DWORD after, int file, std::vector<
     return summary;
 }
 
-bool ConfirmWithFile(int fd, LogImage& image, std::vector<Entry>& entries) {
-    // Writers overwrite the oldest records first, and each record header
-    // before its payload: the first oldest record whose header is unchanged
-    // ends the run of records overwritten since the copy was made.
-    size_t drop = 0;
-    for (; drop < entries.size(); ++drop) {
-        const Entry& e = entries[drop];
-        if (e.IsGap())
-            continue;
-        uint8_t now[LOG_REC_HEADER_SIZE];
-        if (!ReadAt(fd, now, sizeof now, e.rec.offset) ||
-            memcmp(now, image.Bytes() + e.rec.offset, sizeof now) == 0)
-            break;
-    }
-    while (drop < entries.size() && entries[drop].IsGap())
-        ++drop;
-    entries.erase(entries.begin(), entries.begin() + ptrdiff_t(drop));
-    if (entries.empty() || entries.back().IsGap())
-        return true;
+namespace {
 
-    // The newest record: its writer may have been copying its payload while
-    // we read.  Accept it once two reads agree.
+// The stretches of the record area that writers may have written while the
+// copy was made: from the copy's next-record offset to the one the header
+// shows now.  False when that cannot be told or is the whole file.
+bool WrittenSince(int fd, const LogImage& image, DWORD range[4]) {
+    range[0] = range[1] = range[2] = range[3] = 0;
+    alignas(8) uint8_t bytes[LOG_FILE_HEADER_SIZE];
+    if (!ReadAt(fd, bytes, sizeof bytes, 0))
+        return true; // cut short under us: nothing more to learn
+    auto* now = reinterpret_cast<const ZLogFile*>(bytes);
+    const HeaderWords& then = image.Original();
+    // A damaged header says nothing reliable about where writers are.
+    if (!now->IsHdrDataValid() || image.HeaderRebuilt() || !image.HeaderValid())
+        return true;
+    DWORD from = then.nextOffset, to = now->NextRecOffset(), size = image.Size();
+    DWORD wraps = now->WrapCount() - then.wraps;
+    if (now->RecordCount() < then.count || now->SizeInBytes() != then.size || wraps > 1 ||
+        (wraps == 1 && to > from) || (wraps == 0 && to < from))
+        return false;
+    range[0] = from;
+    range[1] = wraps ? size : to;
+    range[2] = LOG_FILE_HEADER_SIZE;
+    range[3] = wraps ? to : LOG_FILE_HEADER_SIZE;
+    return true;
+}
+
+bool Overlaps(const Record& r, DWORD from, DWORD to) {
+    return r.offset < to && uint64_t(r.offset) + r.recSize > from;
+}
+
+} // namespace
+
+Confirm ConfirmWithFile(int fd, LogImage& image, std::vector<Entry>& entries) {
+    DWORD written[4];
+    if (!WrittenSince(fd, image, written))
+        return Confirm::Overrun;
+    std::vector<Entry> kept;
+    kept.reserve(entries.size());
+    for (Entry& e : entries) {
+        if (!e.IsGap() &&
+            (Overlaps(e.rec, written[0], written[1]) || Overlaps(e.rec, written[2], written[3])))
+            continue;
+        // A gap with nothing before it is just older records gone.
+        if (e.IsGap() && kept.empty())
+            continue;
+        kept.push_back(e);
+    }
+    entries.swap(kept);
+    if (entries.empty() || entries.back().IsGap())
+        return Confirm::Whole;
+
+    // The newest record, if its writer may have been copying its payload
+    // while we read (a newer record means it had finished).  Accept it once
+    // two reads agree.
     Record& r = entries.back().rec;
+    if (r.Id() < image.File()->RecordCount())
+        return Confirm::Whole;
     const DWORD size = r.recSize;
     uint8_t* copy = image.Bytes() + r.offset;
     std::string a(size, '\0'), b(size, '\0');
     if (!ReadAt(fd, a.data(), size, r.offset))
-        return true; // cut short under us: keep what the copy holds
+        return Confirm::Whole; // cut short under us: keep what the copy holds
     if (memcmp(a.data(), copy, size) == 0)
-        return true;
+        return Confirm::Whole;
     for (int i = 0; i < kStableReads; ++i) {
         struct timespec pause = {0, kStablePauseNs};
         nanosleep(&pause, nullptr);
@@ -171,14 +206,14 @@ bool ConfirmWithFile(int fd, LogImage& image, std::vector<Entry>& entries) {
             if (ReadRecord(image.File(), image.Size(), image.File()->RecAt(r.offset), fresh) &&
                 fresh.Id() == id && fresh.recSize == size) {
                 r = fresh;
-                return true;
+                return Confirm::Whole;
             }
             break;
         }
         a.swap(b);
     }
     entries.pop_back();
-    return false;
+    return Confirm::NewestChanging;
 }
 
 } // namespace qslog

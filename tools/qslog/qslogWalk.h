@@ -38,12 +38,22 @@ struct ChainSummary {
 // added to the image's.
 ChainSummary CollectRecords(LogImage& image, DWORD after, int file, std::vector<Entry>& out);
 
-// For an image read from a file that a writer may be appending to while we
-// read it, with `entries` collected from that image: re-reads the newest
-// record until two reads agree (its writer may still have been copying its
-// payload), and drops the oldest records whose bytes changed since the copy
-// was made (overwritten while we read).  Returns false when the newest record
-// is still changing; it is then dropped too.
-bool ConfirmWithFile(int fd, LogImage& image, std::vector<Entry>& entries);
+// What checking a copy against its file found.
+enum class Confirm {
+    Whole,          // every record left in `entries` is whole
+    NewestChanging, // the newest record kept changing and was left out
+    Overrun,        // the writers went round the whole file (or cleared it)
+                    // while it was copied: copy it again
+};
+
+// For an image read from a file that writers may append to while we read
+// it, with `entries` collected from that image.  Re-reads the header: the
+// records the writers placed while the copy was made lie between the copy's
+// next-record offset and the new one, and the records of the copy in that
+// stretch may be torn, so they are dropped (records overwritten after the
+// copy was made are whole in it and stay).  Then re-reads the newest record
+// until two reads agree, since its writer may still have been copying its
+// payload.
+Confirm ConfirmWithFile(int fd, LogImage& image, std::vector<Entry>& entries);
 
 } // namespace qslog

@@ -150,25 +150,45 @@ TEST(QslogWalk, RandomDamageStaysInsideTheImage) {
 TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
     Image img(2, 20);
     int fd = MemFile(img.Bytes(), img.Size());
-    LogImage image;
-    ASSERT_EQ(image.Read(fd), LogImage::Load::Ok);
-    std::vector<Entry> entries;
-    CollectRecords(image, 0, 0, entries);
-    ASSERT_EQ(entries.size(), 21u);
+    auto copyAndWalk = [&](LogImage& image, std::vector<Entry>& entries) {
+        ASSERT_EQ(image.Read(fd), LogImage::Load::Ok);
+        entries.clear();
+        CollectRecords(image, 0, 0, entries);
+    };
 
-    // Since the copy: records 1 and 2 overwritten, and the newest record's
-    // payload completed (its last byte changed).
-    uint32_t junk = 0xDEADBEEF;
-    pwrite(fd, &junk, 4, entries[0].rec.offset + 24);
-    pwrite(fd, &junk, 4, entries[1].rec.offset + 8);
+    // The newest record's payload was still being copied in: its last byte
+    // changed after our copy.  The settled bytes are taken.
+    LogImage image;
+    std::vector<Entry> entries;
+    copyAndWalk(image, entries);
+    ASSERT_EQ(entries.size(), 21u);
     const Record& newest = entries.back().rec;
     char z = 'Z';
     pwrite(fd, &z, 1, newest.offset + newest.recSize - 1);
-
-    EXPECT_TRUE(ConfirmWithFile(fd, image, entries));
-    ASSERT_EQ(entries.size(), 19u);
-    EXPECT_EQ(entries.front().rec.Id(), 3u);
+    EXPECT_EQ(ConfirmWithFile(fd, image, entries), Confirm::Whole);
+    ASSERT_EQ(entries.size(), 21u);
     std::string scratch;
     EXPECT_EQ(RecordText(entries.back().rec, scratch), "message 1Z");
+
+    // A writer wrapped and overwrote the oldest records since the copy: the
+    // records of the copy in the stretch it wrote are dropped, the rest kept.
+    copyAndWalk(image, entries);
+    for (int i = 0; i < 15; ++i)
+        img.Add("later " + std::to_string(i));
+    ASSERT_EQ(img.file->WrapCount(), 1u);
+    ASSERT_EQ(pwrite(fd, img.Bytes(), img.Size(), 0), ssize_t(img.Size()));
+    EXPECT_EQ(ConfirmWithFile(fd, image, entries), Confirm::Whole);
+    ASSERT_FALSE(entries.empty());
+    for (const Entry& e : entries)
+        EXPECT_GE(e.rec.offset, img.file->NextRecOffset());
+    EXPECT_EQ(entries.back().rec.Id(), 21u);
+    EXPECT_LT(entries.size(), 21u);
+
+    // Gone round the whole file since: nothing in the copy is certain.
+    copyAndWalk(image, entries);
+    for (int i = 0; i < 60; ++i)
+        img.Add("much later " + std::to_string(i));
+    ASSERT_EQ(pwrite(fd, img.Bytes(), img.Size(), 0), ssize_t(img.Size()));
+    EXPECT_EQ(ConfirmWithFile(fd, image, entries), Confirm::Overrun);
     close(fd);
 }
