@@ -6,13 +6,17 @@ cd "$(dirname "$0")/.."
 
 scripts/deps.sh build tools
 cmake -S . -B build -G Ninja >/dev/null
-ninja -C build --quiet watcher demo_target
+ninja -C build --quiet watcher demo_target qslog
 
 export QS_LOG_DIR=${QS_LOG_DIR:-$PWD/build/demo-logs}
 state=$(mktemp)
 trap 'rm -f "$state"' EXIT
 
 echo "== watcher -f -d 1 -r 5 demo_target (logs in $QS_LOG_DIR)"
+since=$(date '+%Y-%m-%d %H:%M:%S')
 status=0
 build/watcher/watcher -f -d 1 -r 5 "$PWD/build/watcher/demo_target" "$state" 3 || status=$?
 echo "== watcher exited with status $status"
+
+echo "== its log: qslog --since '$since'"
+build/tools/qslog/qslog --since "$since"
