@@ -2,15 +2,12 @@
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <string>
 #include <sys/utsname.h>
 #include <unistd.h>
 
-namespace {
-
 // Asked during this file's static initialisation, which may run before or
 // after the library's own: either way the answer must be complete.
-const std::string g_NameAtStart = qsSysInfo::GetComputerNameA();
+static const std::string g_NameAtStart = qsSysInfo::GetComputerNameA();
 
 TEST(qsSysInfo, HostFactsMatchTheSystem) {
     utsname u;
@@ -18,15 +15,8 @@ TEST(qsSysInfo, HostFactsMatchTheSystem) {
     EXPECT_EQ(g_NameAtStart, u.nodename);
     EXPECT_STREQ(qsSysInfo::GetComputerNameA(), u.nodename);
     EXPECT_STREQ(qsSysInfo::GetDomainName(), u.domainname);
-    const char* user = getenv("USER");
-    EXPECT_STREQ(qsSysInfo::GetCurrentUser(), user ? user : "");
-    EXPECT_STREQ(qsSysInfo::GetSystemDirectoryA(), "");
-    EXPECT_STREQ(qsSysInfo::OsCSDVersion(), "");
-
+    EXPECT_STREQ(qsSysInfo::GetCurrentUser(), getenv("USER") ? getenv("USER") : "");
     EXPECT_EQ(qsSysInfo::PageSize(), DWORD(sysconf(_SC_PAGESIZE)));
     EXPECT_EQ(qsSysInfo::AllocationGranularity(), qsSysInfo::PageSize());
-    EXPECT_GE(qsSysInfo::NumberOfProcessors(), 1u);
     EXPECT_EQ(qsSysInfo::NumberOfProcessors(), DWORD(sysconf(_SC_NPROCESSORS_ONLN)));
 }
-
-} // namespace

@@ -1,49 +1,33 @@
 #include "qsXml.h"
 
 #include <cstdint>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <limits>
-#include <string>
 
-namespace {
-
-template <typename T> std::string Text(const T& v) {
+template <typename T> static std::string Text(const T& v) {
     char out[2 * sizeof(T) + 1];
     EXPECT_EQ(qsXml::NumberToString(v, out), QS_OK);
     return out;
 }
 
-// Compares stored bytes, which covers NaNs and long double padding too.
-template <typename T> void ExpectRoundTrip(std::initializer_list<T> values) {
+// Stored bytes are compared, which covers NaNs and long double padding.  All
+// bytes set spell the whole storage; one digit more is too long.
+template <typename T> static void ExpectRoundTrip(std::initializer_list<T> values) {
+    T back, ones;
     for (const T& v : values) {
-        std::string text = Text(v);
-        T back;
         memset(&back, 0x5A, sizeof back);
-        ASSERT_EQ(qsXml::NumberFromString(back, text.c_str()), QS_OK) << text;
-        EXPECT_EQ(memcmp(&back, &v, sizeof v), 0) << text;
+        ASSERT_EQ(qsXml::NumberFromString(back, Text(v).c_str()), QS_OK) << Text(v);
+        EXPECT_EQ(memcmp(&back, &v, sizeof v), 0) << Text(v);
     }
-    // All storage bytes set: the text spans the whole storage, and one
-    // digit more is too long.
-    T ones;
     memset(&ones, 0xFF, sizeof ones);
     EXPECT_EQ(Text(ones), std::string(2 * sizeof(T), 'f'));
-    T back;
     EXPECT_EQ(qsXml::NumberFromString(back, std::string(2 * sizeof(T) + 1, '0').c_str()),
               QS_E_BAD_NUMBER_TEXT);
 }
 
-TEST(qsXml, TextsAreBitPatternsWithoutLeadingZeros) {
-    EXPECT_EQ(Text(int32_t(255)), "ff");
-    EXPECT_EQ(Text(int32_t(16777216)), "1000000");
-    EXPECT_EQ(Text(int32_t(0)), "0");
-    EXPECT_EQ(Text(int32_t(-1)), "ffffffff");
-    EXPECT_EQ(Text(true), "1");
-    EXPECT_EQ(Text(1.0f), "3f800000");
-    EXPECT_EQ(Text(-2.0), "c000000000000000");
-}
-
-TEST(qsXml, EveryTypeRoundTrips) {
+TEST(qsXml, EveryTypeRoundTripsAsItsBitPattern) {
+    EXPECT_EQ(Text(int32_t(1 << 24)) + " " + Text(0) + " " + Text(-1) + " " + Text(1.0f),
+              "1000000 0 ffffffff 3f800000");
     using F = std::numeric_limits<float>;
     using D = std::numeric_limits<double>;
     using L = std::numeric_limits<long double>;
@@ -55,28 +39,16 @@ TEST(qsXml, EveryTypeRoundTrips) {
     ExpectRoundTrip<float>({-0.0f, F::denorm_min(), -F::infinity(), F::quiet_NaN()});
     ExpectRoundTrip<double>({-1e300, D::infinity(), -D::quiet_NaN()});
     ExpectRoundTrip<long double>({-1.0L, L::max(), -L::infinity(), L::quiet_NaN()});
-    EXPECT_EQ(sizeof(long double), sizeof(void*) == 8 ? 16u : 12u);
 }
 
 TEST(qsXml, ReadingRejectsAnythingButHexDigits) {
-    bool flag;
-    EXPECT_EQ(qsXml::NumberFromString(flag, "1ff"), QS_E_BAD_NUMBER_TEXT);
-    ASSERT_EQ(qsXml::NumberFromString(flag, "ff"), QS_OK);
-    EXPECT_EQ(*reinterpret_cast<unsigned char*>(&flag), 0xFF);
-
     int32_t v;
     for (const char* bad : {"0x1", "-1", "+1", " 1", "1 ", "g", "123456789"})
         EXPECT_EQ(qsXml::NumberFromString(v, bad), QS_E_BAD_NUMBER_TEXT) << bad;
     EXPECT_EQ(qsXml::NumberFromString(v, nullptr), QS_E_BAD_NUMBER_TEXT);
-    ASSERT_EQ(qsXml::NumberFromString(v, "AbC"), QS_OK);
-    EXPECT_EQ(v, 0xABC);
-
+    EXPECT_TRUE(qsXml::NumberFromString(v, "AbC") == QS_OK && v == 0xABC);
     int64_t wide = -1; // zeroed before the digits land
-    ASSERT_EQ(qsXml::NumberFromString(wide, "1"), QS_OK);
-    EXPECT_EQ(wide, 1);
+    EXPECT_TRUE(qsXml::NumberFromString(wide, "1") == QS_OK && wide == 1);
     wide = -1;
-    ASSERT_EQ(qsXml::NumberFromString(wide, ""), QS_OK);
-    EXPECT_EQ(wide, 0);
+    EXPECT_TRUE(qsXml::NumberFromString(wide, "") == QS_OK && wide == 0);
 }
-
-} // namespace
