@@ -42,8 +42,12 @@ namespace {
 constexpr const char* kWhere = "qsProcess::Wait";
 constexpr uint32_t kFileKB = 4096; // the default streams' size
 
-int PidArg(int64_t i) { return 10000 + int(i & 0x3FFF); }
-int StatusArg(int64_t i) { return int(i & 7); }
+int PidArg(int64_t i) {
+    return 10000 + int(i & 0x3FFF);
+}
+int StatusArg(int64_t i) {
+    return int(i & 7);
+}
 
 std::string BenchDir() {
     const char* dir = getenv("QS_LOG_DIR");
@@ -90,13 +94,15 @@ void RunPrintf(benchmark::State& state, ZLogStream* stream) {
         i++;
     }
     state.SetItemsProcessed(i - failed);
-    state.counters["failed%"] =
-        benchmark::Counter(100.0 * double(failed) / double(i ? i : 1), benchmark::Counter::kAvgThreads);
+    state.counters["failed%"] = benchmark::Counter(100.0 * double(failed) / double(i ? i : 1),
+                                                   benchmark::Counter::kAvgThreads);
     if (state.thread_index() == 0)
         g_pZLogStreamDefault = saved;
 }
 
-void BM_qsLogPrintfA_Append(benchmark::State& state) { RunPrintf(state, AppendOnlyStream()); }
+void BM_qsLogPrintfA_Append(benchmark::State& state) {
+    RunPrintf(state, AppendOnlyStream());
+}
 BENCHMARK(BM_qsLogPrintfA_Append);
 
 void BM_qsLogPrintfA_Flush16384(benchmark::State& state) {
@@ -145,9 +151,15 @@ void RunFloor(benchmark::State& state, bool lock, FloorRing::PidMode pid) {
     }
     state.SetItemsProcessed(i);
 }
-void BM_Floor_Lock(benchmark::State& s) { RunFloor(s, true, FloorRing::kPidCached); }
-void BM_Floor_NoLock(benchmark::State& s) { RunFloor(s, false, FloorRing::kPidCached); }
-void BM_Floor_Lock_getpid3(benchmark::State& s) { RunFloor(s, true, FloorRing::kPidEachCall); }
+void BM_Floor_Lock(benchmark::State& s) {
+    RunFloor(s, true, FloorRing::kPidCached);
+}
+void BM_Floor_NoLock(benchmark::State& s) {
+    RunFloor(s, false, FloorRing::kPidCached);
+}
+void BM_Floor_Lock_getpid3(benchmark::State& s) {
+    RunFloor(s, true, FloorRing::kPidEachCall);
+}
 BENCHMARK(BM_Floor_Lock);
 BENCHMARK(BM_Floor_NoLock);
 BENCHMARK(BM_Floor_Lock_getpid3);
@@ -168,9 +180,15 @@ void RunSpdlog(benchmark::State& state, const char* name, const char* pattern, b
     spdlog::drop(name);
     state.SetItemsProcessed(i);
 }
-void BM_spdlog_PatternV(benchmark::State& s) { RunSpdlog(s, "spdlog_v", "%v", false); }
-void BM_spdlog_Default(benchmark::State& s) { RunSpdlog(s, "spdlog_default", nullptr, false); }
-void BM_spdlog_FlushEach(benchmark::State& s) { RunSpdlog(s, "spdlog_flush", nullptr, true); }
+void BM_spdlog_PatternV(benchmark::State& s) {
+    RunSpdlog(s, "spdlog_v", "%v", false);
+}
+void BM_spdlog_Default(benchmark::State& s) {
+    RunSpdlog(s, "spdlog_default", nullptr, false);
+}
+void BM_spdlog_FlushEach(benchmark::State& s) {
+    RunSpdlog(s, "spdlog_flush", nullptr, true);
+}
 BENCHMARK(BM_spdlog_PatternV);
 BENCHMARK(BM_spdlog_Default);
 BENCHMARK(BM_spdlog_FlushEach);
@@ -243,7 +261,9 @@ BENCHMARK(BM_glog);
 // Two threads of one process on one stream: messages that landed per second
 // (items_per_second), and the share of calls that failed (failed%).
 BENCHMARK(BM_qsLogPrintfA_Append)->Threads(2)->UseRealTime();
-void BM_Floor_Lock_Threads(benchmark::State& s) { RunFloor(s, true, FloorRing::kPidCached); }
+void BM_Floor_Lock_Threads(benchmark::State& s) {
+    RunFloor(s, true, FloorRing::kPidCached);
+}
 BENCHMARK(BM_Floor_Lock_Threads)->Threads(2)->UseRealTime();
 
 // N processes forked after the stream was opened, each appending a fixed
@@ -256,9 +276,9 @@ void BM_qsLogPrintfA_Processes(benchmark::State& state) {
     }
     const int processes = int(state.range(0));
     constexpr int kPerProcess = 50000;
-    auto* landed = static_cast<std::atomic<int64_t>*>(mmap(
-        nullptr, sizeof(std::atomic<int64_t>) * 2, PROT_READ | PROT_WRITE,
-        MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto* landed = static_cast<std::atomic<int64_t>*>(
+        mmap(nullptr, sizeof(std::atomic<int64_t>) * 2, PROT_READ | PROT_WRITE,
+             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     new (landed) std::atomic<int64_t>(0);
     new (landed + 1) std::atomic<int64_t>(0);
     ZLogStream* saved = g_pZLogStreamDefault;

@@ -60,8 +60,8 @@ public:
         uint32_t len = n < 0 ? 0 : uint32_t(n) > 1016 ? 1016 : uint32_t(n);
         timeval tv;
         gettimeofday(&tv, nullptr);
-        uint64_t time = (uint64_t(tv.tv_sec) * 1000000 + uint64_t(tv.tv_usec)) * 10 +
-                        116444736000000000ULL;
+        uint64_t time =
+            (uint64_t(tv.tv_sec) * 1000000 + uint64_t(tv.tv_usec)) * 10 + 116444736000000000ULL;
         // The three getpid() calls of the original design: the record, the
         // lock's owner and the unlock's owner test.
         uint32_t pid = pidMode == kPidCached ? m_Pid : uint32_t(getpid());

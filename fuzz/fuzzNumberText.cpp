@@ -38,13 +38,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
     text.resize(strlen(text.c_str()));
     switch (data[0] % 8) {
-    case 0: return Check<bool>(text), 0;
-    case 1: return Check<LONG>(text), 0;
-    case 2: return Check<DWORD>(text), 0;
-    case 3: return Check<float>(text), 0;
-    case 4: return Check<long long>(text), 0;
-    case 5: return Check<unsigned long long>(text), 0;
-    case 6: return Check<double>(text), 0;
-    default: return Check<long double>(text), 0;
+    case 0:
+        return Check<bool>(text), 0;
+    case 1:
+        return Check<LONG>(text), 0;
+    case 2:
+        return Check<DWORD>(text), 0;
+    case 3:
+        return Check<float>(text), 0;
+    case 4:
+        return Check<long long>(text), 0;
+    case 5:
+        return Check<unsigned long long>(text), 0;
+    case 6:
+        return Check<double>(text), 0;
+    default:
+        return Check<long double>(text), 0;
     }
 }

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <unistd.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 bool g_bLoggingDoAutoInit = false;
@@ -129,9 +129,20 @@ int main(int argc, char** argv) {
     std::vector<uint8_t> opposite = Opposite(wrapped);
     WriteAll(out / "logimage" / "opposite.log", opposite.data(), opposite.size());
 
-    const char* numbers[] = {"\x01" "ff", "\x03" "3f800000", "\x06" "400921fb54442d18",
-                             "\x07" "4000c90fdaa22168c235", "\x00" "1ff", "\x05" "0x10",
-                             "\x02" "FFFFFFFF"};
+    const char* numbers[] = {"\x01"
+                             "ff",
+                             "\x03"
+                             "3f800000",
+                             "\x06"
+                             "400921fb54442d18",
+                             "\x07"
+                             "4000c90fdaa22168c235",
+                             "\x00"
+                             "1ff",
+                             "\x05"
+                             "0x10",
+                             "\x02"
+                             "FFFFFFFF"};
     int i = 0;
     for (const char* n : numbers)
         WriteAll(out / "number" / ("n" + std::to_string(i++)), n, strlen(n + 1) + 1);

@@ -11,8 +11,12 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <climits>
+#include <cstring>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -73,6 +77,13 @@ void SpinWhileLocked(const ZMutexBlock* block) {
     }
 }
 
+// Takes the guard; one whose last holder died is made consistent and taken
+// over as it stands.
+int LockGuard(ZMutexBlock* block) {
+    int rc = pthread_mutex_lock(&block->m_Mutex);
+    return rc == EOWNERDEAD ? pthread_mutex_consistent(&block->m_Mutex) : rc;
+}
+
 bool IsOwner(const ZMutexBlock* block, pthread_t self, int32_t pid) {
     return pthread_equal(block->m_OwnerThread, self) && block->m_OwnerProcess == pid;
 }
@@ -85,31 +96,51 @@ ZMutexBlock* MapBlock(int fd) {
 // Initialises the primitives of a block with the given sharing and sets the
 // mark; returns the failing call's error number, or 0.  A failure leaves the
 // mark unset, so the block refuses every Lock().
-int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, pthread_condattr_t* condAttr,
-                   int sharing) {
+// The condition's two words.  A process-shared pthread condition is left
+// broken by a waiter killed in its wait (the next signaller then blocks for
+// ever inside pthread_cond_signal); these words keep no per-waiter state, so
+// a killed waiter costs at most one needless wake-up.
+uint32_t* ReleaseSeq(ZMutexBlock* block) { return reinterpret_cast<uint32_t*>(&block->m_Cond); }
+uint32_t* SleeperFlag(ZMutexBlock* block) { return ReleaseSeq(block) + 1; }
+
+int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, int sharing) {
     int rc = pthread_mutexattr_init(mutexAttr);
     if (rc)
         return rc;
     rc = pthread_mutexattr_setpshared(mutexAttr, sharing);
+    // A process killed while it holds the guard (for the few instructions of
+    // a Lock or Unlock) must not hang every other process on it for ever:
+    // the next locker inherits the guard instead.  The lock it guards keeps
+    // its own rule: a holder that dies leaves it held.
+    if (!rc && sharing == PTHREAD_PROCESS_SHARED)
+        rc = pthread_mutexattr_setrobust(mutexAttr, PTHREAD_MUTEX_ROBUST);
     if (!rc)
         rc = pthread_mutex_init(&block->m_Mutex, mutexAttr);
     pthread_mutexattr_destroy(mutexAttr);
     if (rc)
         return rc;
-
-    rc = pthread_condattr_init(condAttr);
-    if (!rc) {
-        rc = pthread_condattr_setpshared(condAttr, sharing);
-        if (!rc)
-            rc = pthread_cond_init(&block->m_Cond, condAttr);
-        pthread_condattr_destroy(condAttr);
-    }
-    if (rc) {
-        pthread_mutex_destroy(&block->m_Mutex);
-        return rc;
-    }
+    memset(&block->m_Cond, 0, sizeof block->m_Cond);
     SetMark(block, ZMUTEX_MARK_INITIALISED);
     return 0;
+}
+
+// Sleeps until the release sequence moves away from `seq`, the absolute
+// real-time `deadline` passes (null: no limit), or a signal or spurious
+// wake-up comes.  0 for a wake-up of any kind, ETIMEDOUT, or the error of a
+// wait that could not be made.  The guard is not held.
+int WaitForRelease(ZMutexBlock* block, uint32_t seq, const timespec* deadline, bool shared) {
+    int op = FUTEX_WAIT_BITSET | FUTEX_CLOCK_REALTIME | (shared ? 0 : FUTEX_PRIVATE_FLAG);
+    if (syscall(SYS_futex, ReleaseSeq(block), op, seq, deadline, nullptr,
+                FUTEX_BITSET_MATCH_ANY) == 0)
+        return 0;
+    return errno == EAGAIN || errno == EINTR ? 0 : errno;
+}
+
+// Wakes every sleeping locker; each tests the mutex again under the guard.
+// Called under the guard, only when a locker said it may be asleep.
+void WakeLockers(ZMutexBlock* block, bool shared) {
+    int op = FUTEX_WAKE | (shared ? 0 : FUTEX_PRIVATE_FLAG);
+    syscall(SYS_futex, ReleaseSeq(block), op, INT_MAX, nullptr, nullptr, 0);
 }
 
 } // namespace
@@ -125,10 +156,8 @@ ZMutex::~ZMutex() {
 void ZMutex::Detach() {
     if (m_pBlock && m_pBlock != &m_Local)
         munmap(m_pBlock, sizeof(ZMutexBlock));
-    if (IsInitialised(&m_Local)) {
+    if (IsInitialised(&m_Local))
         pthread_mutex_destroy(&m_Local.m_Mutex);
-        pthread_cond_destroy(&m_Local.m_Cond);
-    }
     ResetBlock(&m_Local);
     m_pBlock = nullptr;
 }
@@ -154,7 +183,7 @@ qsStatus ZMutex::Create(const char* name, bool initialOwner) {
             m_pBlock = MapBlock(m_hShm);
         if (m_pBlock) {
             ResetBlock(m_pBlock);
-            if (InitPrimitives(m_pBlock, &m_MutexAttr, &m_CondAttr, PTHREAD_PROCESS_SHARED))
+            if (InitPrimitives(m_pBlock, &m_MutexAttr, PTHREAD_PROCESS_SHARED))
                 Detach();
         }
     } else {
@@ -212,7 +241,7 @@ qsStatus ZMutex::Create() {
     Detach();
     m_Name.clear();
     m_pBlock = &m_Local;
-    int rc = InitPrimitives(&m_Local, &m_MutexAttr, &m_CondAttr, PTHREAD_PROCESS_PRIVATE);
+    int rc = InitPrimitives(&m_Local, &m_MutexAttr, PTHREAD_PROCESS_PRIVATE);
     if (rc == 0)
         return QS_OK;
     errno = rc;
@@ -231,10 +260,11 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
         // append-path call free of system calls.
         pthread_t self = pthread_self();
         int32_t pid = int32_t(GetCurrentProcessId());
+        const bool shared = block != &m_Local;
         bool spun = false;
         bool haveDeadline = false;
         timespec deadline{};
-        int rc = pthread_mutex_lock(&block->m_Mutex);
+        int rc = LockGuard(block);
         while (rc == 0) {
             if (!IsLocked(block) || IsOwner(block, self, pid)) {
                 block->m_Count++;
@@ -250,7 +280,7 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
                 spun = true;
                 pthread_mutex_unlock(&block->m_Mutex);
                 SpinWhileLocked(block);
-                rc = pthread_mutex_lock(&block->m_Mutex);
+                rc = LockGuard(block);
                 continue;
             }
             // The deadline is taken when a wait actually begins (no clock
@@ -266,18 +296,27 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
                 deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
                 haveDeadline = true;
             }
-            rc = timeoutMs == ZMUTEX_INFINITE
-                     ? pthread_cond_wait(&block->m_Cond, &block->m_Mutex)
-                     : pthread_cond_timedwait(&block->m_Cond, &block->m_Mutex, &deadline);
-            if (rc == ETIMEDOUT) {
-                result = QS_W_TIMEOUT;
-                rc = 0;
+            // A deadline the timed wait cannot take is refused before any
+            // waiting, with the guard still held, as a POSIX timed wait does.
+            if (haveDeadline && (deadline.tv_nsec < 0 || deadline.tv_nsec >= 1000000000)) {
+                errno = EINVAL;
+                result = QS_E_WAIT_FAILED;
                 break;
             }
-            if (rc) {
-                errno = rc;
+            // The sequence is read under the guard: a release after this
+            // point changes it, and the sleep below then returns at once.
+            uint32_t seq = __atomic_load_n(ReleaseSeq(block), __ATOMIC_ACQUIRE);
+            __atomic_store_n(SleeperFlag(block), 1u, __ATOMIC_RELAXED);
+            pthread_mutex_unlock(&block->m_Mutex);
+            int waited = WaitForRelease(block, seq, haveDeadline ? &deadline : nullptr, shared);
+            rc = LockGuard(block);
+            if (rc == 0 && waited == ETIMEDOUT) {
+                result = QS_W_TIMEOUT;
+                break;
+            }
+            if (rc == 0 && waited) {
+                errno = waited;
                 result = QS_E_WAIT_FAILED;
-                rc = 0;
                 break;
             }
         }
@@ -301,7 +340,7 @@ qsStatus ZMutex::Unlock() {
     ZMutexBlock* block = m_pBlock;
     if (IsInitialised(block)) {
         result = QS_OK;
-        int rc = pthread_mutex_lock(&block->m_Mutex);
+        int rc = LockGuard(block);
         if (rc) {
             errno = rc;
             result = QS_E_MUTEX_RELEASE;
@@ -317,10 +356,11 @@ qsStatus ZMutex::Unlock() {
                     block->m_OwnerThread = NO_THREAD;
                     block->m_OwnerProcess = -1;
                     block->m_Count = 0;
-                    rc = pthread_cond_signal(&block->m_Cond);
-                    if (rc) {
-                        errno = rc;
-                        result = QS_E_MUTEX_RELEASE;
+                    __atomic_fetch_add(ReleaseSeq(block), 1u, __ATOMIC_RELEASE);
+                    // No system call unless a locker may be asleep.
+                    if (__atomic_load_n(SleeperFlag(block), __ATOMIC_RELAXED)) {
+                        __atomic_store_n(SleeperFlag(block), 0u, __ATOMIC_RELAXED);
+                        WakeLockers(block, block != &m_Local);
                     }
                 }
             }

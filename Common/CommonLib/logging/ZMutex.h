@@ -29,7 +29,10 @@ constexpr DWORD ZMUTEX_INFINITE = 0xFFFFFFFF;
 struct ZMutexBlock {
     uint32_t m_Mark;
     pthread_mutex_t m_Mutex;   // guards the fields below
-    pthread_cond_t m_Cond;     // signalled on release
+    // Signalled on release.  Only its first two words are used, as futex
+    // words (release sequence, sleeper flag; see ZMutex.cpp); a zeroed or
+    // pthread_cond_init()ed condition is a ready one.
+    pthread_cond_t m_Cond;
     pthread_t m_OwnerThread;   // (pthread_t)-1 when free
     int32_t m_OwnerProcess;    // -1 when free
     uint8_t m_Locked;

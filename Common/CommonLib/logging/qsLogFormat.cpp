@@ -4,8 +4,12 @@
 
 namespace {
 
-bool IsFlag(char c) { return c && strchr("-+ #0'I", c); }
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsFlag(char c) {
+    return c && strchr("-+ #0'I", c);
+}
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 // Skips flags, width and precision of the conversion that starts after '%'.
 const char* SkipToLength(const char* p) {

@@ -50,7 +50,8 @@ TEST(qsLogFormat, PlainFormPrintsTheSameText) {
     for (const char* f : formats) {
         char scratch[128];
         const char* p = qsLogPlainFormat(f, scratch, sizeof scratch);
-        EXPECT_EQ(Print(f, "ZMutex::Lock", "ab", "cde", 42), Print(p, "ZMutex::Lock", "ab", "cde", 42))
+        EXPECT_EQ(Print(f, "ZMutex::Lock", "ab", "cde", 42),
+                  Print(p, "ZMutex::Lock", "ab", "cde", 42))
             << f;
     }
 }
