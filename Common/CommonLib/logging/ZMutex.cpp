@@ -34,7 +34,7 @@ namespace {
 
 // An opener tests the creator's mark this many times, one second apart.
 constexpr int CREATOR_WAIT_TESTS = 4;
-// Tests of the locked flag before a contended locker sleeps on the condition.
+// Tests of the locked flag before a contended locker goes to sleep.
 constexpr int SPIN_TESTS = 256;
 
 const pthread_t NO_THREAD = pthread_t(-1);
@@ -57,24 +57,38 @@ bool IsInitialised(const ZMutexBlock* block) {
     return block && __atomic_load_n(&block->m_Mark, __ATOMIC_ACQUIRE) == ZMUTEX_MARK_INITIALISED;
 }
 
-// The locked flag is also read without the guard, by lockers that spin
-// before they wait; every access is atomic for that reason.
+// The locked flag is the lock word: taken by compare-and-swap, read by
+// spinning lockers, released by the owner.  The owner fields are read by
+// lockers testing for recursion while the owner may be clearing them, so
+// they too are accessed atomically.
 bool IsLocked(const ZMutexBlock* block) {
     return __atomic_load_n(&block->m_Locked, __ATOMIC_RELAXED) != 0;
 }
 
-void SetLocked(ZMutexBlock* block, uint8_t locked) {
-    __atomic_store_n(&block->m_Locked, locked, __ATOMIC_RELAXED);
+void SetOwner(ZMutexBlock* block, pthread_t thread, int32_t pid) {
+    __atomic_store_n(&block->m_OwnerThread, thread, __ATOMIC_RELAXED);
+    __atomic_store_n(&block->m_OwnerProcess, pid, __ATOMIC_RELAXED);
 }
 
-// Waits, without the guard and for at most a few microseconds, for the
-// holder to release.  Only a hint: the caller tests again under the guard.
-void SpinWhileLocked(const ZMutexBlock* block) {
-    for (int i = 0; i < SPIN_TESTS && IsLocked(block); i++) {
-#if defined(__i386__) || defined(__x86_64__)
-        __builtin_ia32_pause();
-#endif
+bool IsOwner(const ZMutexBlock* block, pthread_t self, int32_t pid) {
+    return pthread_equal(__atomic_load_n(&block->m_OwnerThread, __ATOMIC_RELAXED), self) &&
+           __atomic_load_n(&block->m_OwnerProcess, __ATOMIC_RELAXED) == pid;
+}
+
+// Takes the mutex when it is free, or counts one more acquisition when the
+// caller already owns it.
+bool TryAcquire(ZMutexBlock* block, pthread_t self, int32_t pid) {
+    uint8_t expected = 0;
+    if (__atomic_compare_exchange_n(&block->m_Locked, &expected, uint8_t(1), false,
+                                    __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+        block->m_Count++;
+        SetOwner(block, self, pid);
+        return true;
     }
+    if (!IsOwner(block, self, pid))
+        return false;
+    block->m_Count++;
+    return true;
 }
 
 // Takes the guard; one whose last holder died is made consistent and taken
@@ -84,8 +98,10 @@ int LockGuard(ZMutexBlock* block) {
     return rc == EOWNERDEAD ? pthread_mutex_consistent(&block->m_Mutex) : rc;
 }
 
-bool IsOwner(const ZMutexBlock* block, pthread_t self, int32_t pid) {
-    return pthread_equal(block->m_OwnerThread, self) && block->m_OwnerProcess == pid;
+void Pause() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
 }
 
 ZMutexBlock* MapBlock(int fd) {
@@ -93,25 +109,25 @@ ZMutexBlock* MapBlock(int fd) {
     return p == MAP_FAILED ? nullptr : static_cast<ZMutexBlock*>(p);
 }
 
-// Initialises the primitives of a block with the given sharing and sets the
-// mark; returns the failing call's error number, or 0.  A failure leaves the
-// mark unset, so the block refuses every Lock().
 // The condition's two words.  A process-shared pthread condition is left
 // broken by a waiter killed in its wait (the next signaller then blocks for
 // ever inside pthread_cond_signal); these words keep no per-waiter state, so
-// a killed waiter costs at most one needless wake-up.
+// a killed sleeper costs at most one needless wake-up.
 uint32_t* ReleaseSeq(ZMutexBlock* block) { return reinterpret_cast<uint32_t*>(&block->m_Cond); }
 uint32_t* SleeperFlag(ZMutexBlock* block) { return ReleaseSeq(block) + 1; }
 
+// Initialises the primitives of a block with the given sharing and sets the
+// mark; returns the failing call's error number, or 0.  A failure leaves the
+// mark unset, so the block refuses every Lock().
 int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, int sharing) {
     int rc = pthread_mutexattr_init(mutexAttr);
     if (rc)
         return rc;
     rc = pthread_mutexattr_setpshared(mutexAttr, sharing);
-    // A process killed while it holds the guard (for the few instructions of
-    // a Lock or Unlock) must not hang every other process on it for ever:
-    // the next locker inherits the guard instead.  The lock it guards keeps
-    // its own rule: a holder that dies leaves it held.
+    // A process killed while it holds the guard (on its way to sleep) must
+    // not hang every other process on it for ever: the next one inherits
+    // the guard instead.  The mutex itself keeps its rule: a holder that
+    // dies leaves it held.
     if (!rc && sharing == PTHREAD_PROCESS_SHARED)
         rc = pthread_mutexattr_setrobust(mutexAttr, PTHREAD_MUTEX_ROBUST);
     if (!rc)
@@ -136,8 +152,8 @@ int WaitForRelease(ZMutexBlock* block, uint32_t seq, const timespec* deadline, b
     return errno == EAGAIN || errno == EINTR ? 0 : errno;
 }
 
-// Wakes every sleeping locker; each tests the mutex again under the guard.
-// Called under the guard, only when a locker said it may be asleep.
+// Wakes every sleeping locker; each tests the mutex again.  Called by the
+// releasing owner, only when a locker said it may be asleep.
 void WakeLockers(ZMutexBlock* block, bool shared) {
     int op = FUTEX_WAKE | (shared ? 0 : FUTEX_PRIVATE_FLAG);
     syscall(SYS_futex, ReleaseSeq(block), op, INT_MAX, nullptr, nullptr, 0);
@@ -251,130 +267,127 @@ qsStatus ZMutex::Create() {
     return QS_E_MUTEX_CREATE;
 }
 
+// Taking the mutex is one compare-and-swap of the locked flag; the guard is
+// taken only by lockers that go to sleep.  Every process that shares a block
+// runs this same code (the block is shared only with children forked after
+// Create), so the flag can be the lock word itself.
 qsStatus ZMutex::Lock(DWORD timeoutMs) {
-    qsStatus result = QS_E_NOT_VALID;
     ZMutexBlock* block = m_pBlock;
-    if (IsInitialised(block)) {
-        // The process id is part of the owner: a child forked by the owning
-        // thread has the same pthread_self() value.  The cached id keeps this
-        // append-path call free of system calls.
-        pthread_t self = pthread_self();
-        int32_t pid = int32_t(GetCurrentProcessId());
-        const bool shared = block != &m_Local;
-        bool spun = false;
-        bool haveDeadline = false;
-        timespec deadline{};
-        int rc = LockGuard(block);
-        while (rc == 0) {
-            if (!IsLocked(block) || IsOwner(block, self, pid)) {
-                block->m_Count++;
-                block->m_OwnerThread = self;
-                block->m_OwnerProcess = pid;
-                SetLocked(block, 1);
-                result = QS_OK;
-                break;
-            }
-            // Holders keep the lock for a few hundred nanoseconds: a short
-            // spin outside the guard usually beats a sleep on the condition.
-            if (!spun) {
-                spun = true;
-                pthread_mutex_unlock(&block->m_Mutex);
-                SpinWhileLocked(block);
-                rc = LockGuard(block);
-                continue;
-            }
-            // The deadline is taken when a wait actually begins (no clock
-            // read on the uncontended path), and its microseconds are not
-            // carried into the seconds: a wait begun late in a second gets a
-            // nanosecond part of 1e9 or more, which the timed wait refuses
-            // (EINVAL, 0xE0FF0102).  Callers live with that; it must not be
-            // corrected here.
-            if (timeoutMs != ZMUTEX_INFINITE && !haveDeadline) {
-                timeval now;
-                gettimeofday(&now, nullptr);
-                deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
-                deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
-                haveDeadline = true;
-            }
-            // A deadline the timed wait cannot take is refused before any
-            // waiting, with the guard still held, as a POSIX timed wait does.
-            if (haveDeadline && (deadline.tv_nsec < 0 || deadline.tv_nsec >= 1000000000)) {
-                errno = EINVAL;
-                result = QS_E_WAIT_FAILED;
-                break;
-            }
-            // The sequence is read under the guard: a release after this
-            // point changes it, and the sleep below then returns at once.
-            uint32_t seq = __atomic_load_n(ReleaseSeq(block), __ATOMIC_ACQUIRE);
-            __atomic_store_n(SleeperFlag(block), 1u, __ATOMIC_RELAXED);
-            pthread_mutex_unlock(&block->m_Mutex);
-            int waited = WaitForRelease(block, seq, haveDeadline ? &deadline : nullptr, shared);
-            rc = LockGuard(block);
-            if (rc == 0 && waited == ETIMEDOUT) {
-                result = QS_W_TIMEOUT;
-                break;
-            }
-            if (rc == 0 && waited) {
-                errno = waited;
-                result = QS_E_WAIT_FAILED;
-                break;
-            }
+    if (!IsInitialised(block))
+        return LogLockFailure(QS_E_NOT_VALID);
+    // The process id is part of the owner: a child forked by the owning
+    // thread has the same pthread_self() value.  The cached id keeps this
+    // append-path call free of system calls.
+    pthread_t self = pthread_self();
+    int32_t pid = int32_t(GetCurrentProcessId());
+    if (TryAcquire(block, self, pid))
+        return QS_OK;
+    // Holders keep the lock for a few hundred nanoseconds: a short spin
+    // usually beats a sleep.
+    for (int i = 0; i < SPIN_TESTS; i++) {
+        Pause();
+        if (!IsLocked(block) && TryAcquire(block, self, pid))
+            return QS_OK;
+    }
+    return LockSlowly(block, self, pid, timeoutMs);
+}
+
+qsStatus ZMutex::LockSlowly(ZMutexBlock* block, pthread_t self, int32_t pid, DWORD timeoutMs) {
+    const bool shared = block != &m_Local;
+    qsStatus result = QS_E_WAIT_FAILED;
+    bool haveDeadline = false;
+    timespec deadline{};
+    int rc = LockGuard(block);
+    while (rc == 0) {
+        if (TryAcquire(block, self, pid)) {
+            result = QS_OK;
+            break;
         }
-        if (rc == 0)
-            pthread_mutex_unlock(&block->m_Mutex);
-        else {
-            errno = rc;
-            result = QS_E_WAIT_FAILED;
+        // The deadline is taken when a wait actually begins (no clock read on
+        // the uncontended path), and its microseconds are not carried into
+        // the seconds: a wait begun late in a second gets a nanosecond part
+        // of 1e9 or more, which the timed wait refuses (EINVAL, 0xE0FF0102)
+        // before waiting at all.  Callers live with that; it must not be
+        // corrected here.
+        if (timeoutMs != ZMUTEX_INFINITE && !haveDeadline) {
+            timeval now;
+            gettimeofday(&now, nullptr);
+            deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
+            deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
+            haveDeadline = true;
+        }
+        if (haveDeadline && (deadline.tv_nsec < 0 || deadline.tv_nsec >= 1000000000)) {
+            errno = EINVAL;
+            break;
+        }
+        // Say that a sleeper may come, then take the sequence, then look at
+        // the flag once more: a release that the look misses comes after the
+        // sequence was read, so the sleep returns at once (all three and the
+        // releaser's steps are sequentially consistent).
+        __atomic_store_n(SleeperFlag(block), 1u, __ATOMIC_SEQ_CST);
+        uint32_t seq = __atomic_load_n(ReleaseSeq(block), __ATOMIC_SEQ_CST);
+        if (!IsLocked(block))
+            continue;
+        pthread_mutex_unlock(&block->m_Mutex);
+        int waited = WaitForRelease(block, seq, haveDeadline ? &deadline : nullptr, shared);
+        rc = LockGuard(block);
+        if (rc == 0 && waited == ETIMEDOUT) {
+            result = QS_W_TIMEOUT;
+            break;
+        }
+        if (rc == 0 && waited) {
+            errno = waited;
+            break;
         }
     }
-    // Off for a log stream's own mutex (see the constructor), which would
-    // otherwise report through the stream it is failing to lock.
-    if (m_bLogErrors && result != QS_OK && result != QS_W_TIMEOUT)
+    if (rc == 0)
+        pthread_mutex_unlock(&block->m_Mutex);
+    else
+        errno = rc;
+    return result == QS_OK ? QS_OK : LogLockFailure(result);
+}
+
+// Off for a log stream's own mutex (see the constructor), which would
+// otherwise report through the stream it is failing to lock.
+qsStatus ZMutex::LogLockFailure(qsStatus result) {
+    if (m_bLogErrors && result != QS_W_TIMEOUT)
         qsLogPrintfA(static_cast<LONG>(result), qsLogSevSysCall, "%hs: error %d waiting on mutex",
                      "ZMutex::Lock", errno);
     return result;
 }
 
+// Only the owner changes the block here, so no guard is needed: it clears
+// the owner and drops the flag, and moves the release sequence on and wakes
+// the sleepers if any said they might be asleep.
 qsStatus ZMutex::Unlock() {
-    qsStatus result = QS_E_NOT_VALID;
     ZMutexBlock* block = m_pBlock;
-    if (IsInitialised(block)) {
-        result = QS_OK;
-        int rc = LockGuard(block);
-        if (rc) {
-            errno = rc;
-            result = QS_E_MUTEX_RELEASE;
-        } else {
-            // One release by the owner frees the mutex whatever the count:
-            // recursive acquisitions are counted, not unwound.
-            if (IsOwner(block, pthread_self(), int32_t(GetCurrentProcessId()))) {
-                int32_t count = block->m_Count - 1;
-                if (count < 0) {
-                    block->m_Count = count;
-                } else {
-                    SetLocked(block, 0);
-                    block->m_OwnerThread = NO_THREAD;
-                    block->m_OwnerProcess = -1;
-                    block->m_Count = 0;
-                    __atomic_fetch_add(ReleaseSeq(block), 1u, __ATOMIC_RELEASE);
-                    // No system call unless a locker may be asleep.
-                    if (__atomic_load_n(SleeperFlag(block), __ATOMIC_RELAXED)) {
-                        __atomic_store_n(SleeperFlag(block), 0u, __ATOMIC_RELAXED);
-                        WakeLockers(block, block != &m_Local);
-                    }
-                }
-            }
-            rc = pthread_mutex_unlock(&block->m_Mutex);
-            if (rc) {
-                errno = rc;
-                result = QS_E_MUTEX_RELEASE;
-            }
+    if (!IsInitialised(block)) {
+        if (m_bLogErrors) {
+            qsLogPrintfA(static_cast<LONG>(QS_E_MUTEX_RELEASE), qsLogSevSysCall,
+                         "%hs: error %d releasing mutex", "ZMutex::Unlock", errno);
+            return QS_E_MUTEX_RELEASE;
         }
+        return QS_E_NOT_VALID;
     }
-    if (m_bLogErrors && result != QS_OK) {
-        qsLogPrintfA(static_cast<LONG>(QS_E_MUTEX_RELEASE), qsLogSevSysCall,
-                     "%hs: error %d releasing mutex", "ZMutex::Unlock", errno);
-        result = QS_E_MUTEX_RELEASE;
+    if (!IsOwner(block, pthread_self(), int32_t(GetCurrentProcessId())))
+        return QS_OK;
+    // One release by the owner frees the mutex whatever the count: recursive
+    // acquisitions are counted, not unwound.
+    int32_t count = block->m_Count - 1;
+    if (count < 0) {
+        block->m_Count = count;
+        return QS_OK;
     }
-    return result;
+    SetOwner(block, NO_THREAD, -1);
+    block->m_Count = 0;
+    __atomic_store_n(&block->m_Locked, uint8_t(0), __ATOMIC_SEQ_CST);
+    // A locker that raises the flag after this load sees the flag down when
+    // it looks again, so only a raised flag needs the sequence moved on and
+    // the sleepers woken (a system call).
+    if (__atomic_load_n(SleeperFlag(block), __ATOMIC_SEQ_CST)) {
+        __atomic_store_n(SleeperFlag(block), 0u, __ATOMIC_SEQ_CST);
+        __atomic_fetch_add(ReleaseSeq(block), 1u, __ATOMIC_SEQ_CST);
+        WakeLockers(block, block != &m_Local);
+    }
+    return QS_OK;
 }
