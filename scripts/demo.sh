@@ -5,12 +5,18 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh build tools
-scripts/build.sh build -DQS_BUILD_TESTS=OFF
+cmake -S . -B build -G Ninja >/dev/null
+ninja -C build --quiet watcher demo_target qslog
 
 export QS_LOG_DIR=${QS_LOG_DIR:-$PWD/build/demo-logs}
 state=$(mktemp)
 trap 'rm -f "$state"' EXIT
 
-echo "== watcher -f -d 1 -r 5 qs-demo-target (logs in $QS_LOG_DIR)"
-build/watcher/watcher -f -d 1 -r 5 "$PWD/build/watcher/demo_target" "$state" 3
-echo "== watcher exited with status $?"
+echo "== watcher -f -d 1 -r 5 demo_target (logs in $QS_LOG_DIR)"
+since=$(date '+%Y-%m-%d %H:%M:%S')
+status=0
+build/watcher/watcher -f -d 1 -r 5 "$PWD/build/watcher/demo_target" "$state" 3 || status=$?
+echo "== watcher exited with status $status"
+
+echo "== its log: qslog --since '$since'"
+build/tools/qslog/qslog --since "$since"

@@ -13,7 +13,7 @@ fuzz_seconds=${QS_FUZZ_SECONDS:-15}
 scripts/deps.sh build tools fuzz
 
 echo "== build and test (build/)"
-scripts/build.sh build
+scripts/build.sh build -DQS_BUILD_TESTS=ON
 ctest --test-dir build -j "$jobs" --output-on-failure --timeout 300
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)"

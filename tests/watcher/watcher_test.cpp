@@ -1,6 +1,7 @@
 // The real watcher binary, driven with real signals and observed through the
 // probe's record file.  Delays are 0-2 s except in the two SIGTERM cases,
 // whose 15-second grace is fixed.
+#include "watcherLogLines.h"
 #include "watcherTestSupport.h"
 
 #include <filesystem>
@@ -238,6 +239,24 @@ TEST_F(Watcher, DaemonizesAndTerminates) {
     EXPECT_FALSE(Running(run.pid));
     EXPECT_EQ(Sigs({SIGTERM}), Runs()[0].sigs);
     EXPECT_EQ(1u, Runs().size());
+
+    // The log tells the same story.  The target died of the TERM but stayed
+    // unreaped through the grace (SIGCHLD is blocked there), so the probe
+    // still finds it and the KILL goes to the zombie.
+    std::vector<Line> lines = WatcherLines();
+    const Line parentLine{"parent exiting, forked " + Hex(daemon) + "\n", 0, DWORD(parent)};
+    const Line daemonLine{"Watcher (0) daemonizing", 0, DWORD(daemon)};
+    EXPECT_NE(std::find(lines.begin(), lines.end(), parentLine), lines.end());
+    EXPECT_NE(std::find(lines.begin(), lines.end(), daemonLine), lines.end());
+    const std::string target = Hex(run.pid);
+    std::vector<Line> tail{
+        {"terminating watched process", 1, DWORD(daemon)},
+        {"process::signal(): sending signal 15 to process " + target, 1, DWORD(daemon)},
+        {"process::signal(): sending signal 9 to process " + target, 1, DWORD(daemon)},
+        {"waiting for " + target, 0, DWORD(daemon)},
+    };
+    ASSERT_GE(lines.size(), tail.size());
+    EXPECT_EQ(std::vector<Line>(lines.end() - long(tail.size()), lines.end()), tail);
 }
 
 // A target that ignores SIGTERM is killed when the grace is over.

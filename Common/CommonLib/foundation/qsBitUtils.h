@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 // A 64-bit time value held as two 32-bit halves, low half first (a FILETIME).
 union t_FILETIME_UInt64 {
@@ -16,11 +17,18 @@ union t_FILETIME_UInt64 {
 
 namespace qsBitUtils {
 
-inline uint16_t ReverseEndiannessOf(uint16_t v) { return __builtin_bswap16(v); }
-inline uint32_t ReverseEndiannessOf(uint32_t v) { return __builtin_bswap32(v); }
-inline int32_t ReverseEndiannessOf(int32_t v) { return int32_t(__builtin_bswap32(uint32_t(v))); }
-inline uint64_t ReverseEndiannessOf(uint64_t v) { return __builtin_bswap64(v); }
-inline int64_t ReverseEndiannessOf(int64_t v) { return int64_t(__builtin_bswap64(uint64_t(v))); }
+// Every integer type of 2, 4 or 8 bytes, whatever its name on this build
+// (the same spelling is 4 bytes on one platform and 8 on another).
+template <typename T>
+    requires std::is_integral_v<T> && (sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8)
+constexpr T ReverseEndiannessOf(T v) {
+    if constexpr (sizeof(T) == 2)
+        return T(__builtin_bswap16(uint16_t(v)));
+    else if constexpr (sizeof(T) == 4)
+        return T(__builtin_bswap32(uint32_t(v)));
+    else
+        return T(__builtin_bswap64(uint64_t(v)));
+}
 
 // The pointer value itself, not the pointee: all of its bytes, which are
 // four on the 32-bit platform and eight on a 64-bit build.

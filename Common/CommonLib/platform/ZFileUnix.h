@@ -3,7 +3,8 @@
 //
 // Failures are returned the Windows way (a status, false, null, 0xFFFFFFFF)
 // with the cause in errno, and logged at severity 4 when the log-errors flag
-// is set.  Descriptors are opened without O_CLOEXEC.
+// is set.  Descriptors are closed on exec: a program the watcher starts
+// must not inherit its log files.
 #pragma once
 
 #include "ZFileABC.h"
