@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32)
+# Packages named NAME:i386 bring in the i386 architecture first.  Exits
+# non-zero, with apt's last words on stderr, when something cannot be had.
 set -euo pipefail
 
 declare -A GROUP=(
@@ -8,6 +10,7 @@ declare -A GROUP=(
     [tools]="libcli11-dev nlohmann-json3-dev"
     [bench]="libbenchmark-dev libspdlog-dev libgoogle-glog-dev"
     [fuzz]="clang libclang-rt-14-dev"
+    [m32]="g++-multilib libtirpc-dev:i386 libcrypt-dev:i386"
 )
 
 wanted=()
@@ -24,7 +27,16 @@ done
 
 SUDO=""
 [[ $(id -u) -eq 0 ]] || SUDO="sudo"
-echo "Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq >/dev/null
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [[ " ${missing[*]}" == *":i386"* ]] && ! dpkg --print-foreign-architectures | grep -qx i386; then
+    $SUDO dpkg --add-architecture i386
+fi
+echo "Installing: ${missing[*]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+# A mirror caught mid-sync fails some indexes; what was fetched still serves.
+$SUDO apt-get update -qq >"$log" 2>&1 || $SUDO apt-get update -qq >"$log" 2>&1 || true
+if ! $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
+    { grep ': Depends:' "$log" | head -1 | sed 's/^ *//' || true; grep '^E:' "$log" | tail -1 || true; } >&2
+    exit 1
+fi

@@ -1,11 +1,36 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test.
+# Installs what is missing, builds, and runs every test, four times over:
+#   build/        the ordinary build: unit, process, stress and replayed fuzz tests
+#   build-asan/   the same under AddressSanitizer and UndefinedBehaviorSanitizer
+#   build-m32/    a 32-bit (i386) build, the library's own platform (skipped,
+#                 with the reason, when apt cannot provide the i386 packages)
+#   build-fuzz/   clang + libFuzzer: each fuzz target for QS_FUZZ_SECONDS
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
+fuzz_seconds=${QS_FUZZ_SECONDS:-15}
 
-scripts/deps.sh build tools
+scripts/deps.sh build tools fuzz
 
 echo "== build and test (build/)"
 scripts/build.sh build -DQS_BUILD_TESTS=ON
 ctest --test-dir build -j "$jobs" --output-on-failure --timeout 300
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)"
+scripts/build.sh build-asan -DQS_SANITIZE=address,undefined
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+QS_STRESS_SCALE=0.25 \
+    ctest --test-dir build-asan -j "$jobs" --output-on-failure --timeout 600
+
+echo "== 32-bit (build-m32/)"
+if why=$(scripts/deps.sh m32 2>&1 >/dev/null); then
+    scripts/build.sh build-m32 -DQS_M32=ON
+    ctest --test-dir build-m32 -j "$jobs" --output-on-failure --timeout 300
+else
+    echo "== 32-bit build skipped: apt cannot provide the i386 packages (${why//$'\n'/; })"
+fi
+
+echo "== fuzz, ${fuzz_seconds} s per target (build-fuzz/, clang)"
+CC=clang CXX=clang++ scripts/build.sh build-fuzz -DQS_BUILD_FUZZ=ON -DQS_BUILD_TESTS=OFF \
+    -DQS_BUILD_TOOLS=OFF -DQS_FUZZ_SECONDS="$fuzz_seconds"
+ctest --test-dir build-fuzz -j "$jobs" --output-on-failure

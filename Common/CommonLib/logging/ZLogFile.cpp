@@ -321,21 +321,25 @@ qsStatus ZLogFile::NewRecord(const FILETIME& time, DWORD processId, DWORD thread
         m_WrapCount++;
     }
 
-    ZLogRec* rec = reinterpret_cast<ZLogRec*>(reinterpret_cast<char*>(this) + offset);
-    rec->SetSignature(LOG_REC_SIGNATURE);
-    rec->SetRecSize(DWORD(recSize));
-    rec->SetPrevOffset(m_LastRecOffset);
-    rec->SetRecInfoProcessId(processId);
-    rec->SetRecInfoThreadId(threadId);
-    rec->SetRecInfoRecordId(++m_RecordCount);
-    rec->SetRecInfoFlags(flags);
-    rec->SetRecInfoType(type);
-    rec->SetRecInfoTimestamp(time);
+    // The header is composed aside and copied in whole: a damaged header's
+    // next offset may be misaligned, and the record still goes exactly there.
+    ZLogRec header;
+    header.SetSignature(LOG_REC_SIGNATURE);
+    header.SetRecSize(DWORD(recSize));
+    header.SetPrevOffset(m_LastRecOffset);
+    header.SetRecInfoProcessId(processId);
+    header.SetRecInfoThreadId(threadId);
+    header.SetRecInfoRecordId(++m_RecordCount);
+    header.SetRecInfoFlags(flags);
+    header.SetRecInfoType(type);
+    header.SetRecInfoTimestamp(time);
+    char* at = reinterpret_cast<char*>(this) + offset;
+    memcpy(at, &header, sizeof header);
 
     m_LastRecOffset = offset;
     m_NextRecOffset = DWORD(offset + stride);
     if (payload)
-        *payload = rec->Payload();
+        *payload = at + LOG_REC_HEADER_SIZE;
     return QS_OK;
 }
 

@@ -1,5 +1,6 @@
 #include "ZLogStream.h"
 
+#include "qsLogFormat.h"
 #include "qsWinApi.h"
 
 #include <algorithm>
@@ -22,6 +23,8 @@ constexpr DWORD kMaxSizeKB = 1048576;
 constexpr DWORD kMaxSnapshotBytes = 1073741824;
 constexpr size_t kMaxPath = 260;
 constexpr DWORD kCopyBufferBytes = 4096;
+// Room for the rewritten format of a message; longer formats are used as given.
+constexpr size_t kPlainFormatBytes = 256;
 
 // Flushes since the last touch, shared by every stream of the process: the
 // flush that finds 2 touches the file and starts again at 0.  Not locked;
@@ -477,7 +480,10 @@ qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const ch
     if (Suppressed(severity))
         return QS_W_MSG_SUPPRESSED;
     char text[LOG_MSG_MAX_TEXT + 1];
-    int n = vsnprintf(text, sizeof text, format ? format : "", args);
+    // "%hs" sends glibc down its slow path; the plain form prints the same text.
+    char plain[kPlainFormatBytes];
+    format = qsLogPlainFormat(format ? format : "", plain, sizeof plain);
+    int n = vsnprintf(text, sizeof text, format, args);
     return AppendMessage(code, severity, flags, LOGREC_STRING_A, text,
                          CappedLength(n, LOG_MSG_MAX_TEXT));
 }
@@ -489,7 +495,9 @@ qsStatus ZLogStream::vBigMsgPrintf(LONG code, qsLogSev severity, DWORD flags, co
     if (Suppressed(severity))
         return QS_W_MSG_SUPPRESSED;
     char text[LOG_BIG_MSG_MAX_TEXT + 1];
-    int n = vsnprintf(text, sizeof text, format ? format : "", args);
+    char plain[kPlainFormatBytes];
+    format = qsLogPlainFormat(format ? format : "", plain, sizeof plain);
+    int n = vsnprintf(text, sizeof text, format, args);
     return AppendMessage(code, severity, flags, LOGREC_STRING_A, text,
                          CappedLength(n, LOG_BIG_MSG_MAX_TEXT));
 }

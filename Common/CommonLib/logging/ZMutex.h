@@ -28,11 +28,14 @@ constexpr DWORD ZMUTEX_INFINITE = 0xFFFFFFFF;
 // 64-bit build, which keeps the field order.
 struct ZMutexBlock {
     uint32_t m_Mark;
-    pthread_mutex_t m_Mutex;   // guards the fields below
-    pthread_cond_t m_Cond;     // signalled on release
+    pthread_mutex_t m_Mutex;   // serialises lockers that go to sleep
+    // Signalled on release.  Only its first two words are used, as futex
+    // words (release sequence, sleeper flag; see ZMutex.cpp); a zeroed or
+    // pthread_cond_init()ed condition is a ready one.
+    pthread_cond_t m_Cond;
     pthread_t m_OwnerThread;   // (pthread_t)-1 when free
     int32_t m_OwnerProcess;    // -1 when free
-    uint8_t m_Locked;
+    uint8_t m_Locked;          // the lock word: 1 while owned
     uint8_t m_Padding[3];
     int32_t m_Count;           // acquisitions by the owner since it took the mutex
 };
@@ -64,6 +67,8 @@ public:
 
 private:
     void Detach();
+    qsStatus LockSlowly(ZMutexBlock* block, pthread_t self, int32_t pid, DWORD timeoutMs);
+    qsStatus LogLockFailure(qsStatus result);
 
     bool m_bLogErrors;
     ZMutexBlock* m_pBlock;
