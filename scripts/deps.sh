@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs)
 # Packages named NAME:i386 bring in the i386 architecture first.  Exits
 # non-zero, with apt's last words on stderr, when something cannot be had.
 set -euo pipefail
@@ -10,7 +10,8 @@ declare -A GROUP=(
     [tools]="libcli11-dev nlohmann-json3-dev"
     [bench]="libbenchmark-dev libspdlog-dev libgoogle-glog-dev"
     [fuzz]="clang libclang-rt-14-dev"
-    [m32]="g++-multilib libtirpc-dev:i386 libcrypt-dev:i386"
+    [m32]="g++-multilib"
+    [m32libs]="libtirpc-dev:i386 libcrypt-dev:i386"
 )
 
 wanted=()

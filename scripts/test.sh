@@ -3,7 +3,7 @@
 #   build/        the ordinary build: unit, process, stress and replayed fuzz tests
 #   build-asan/   the same under AddressSanitizer and UndefinedBehaviorSanitizer
 #   build-m32/    a 32-bit (i386) build, the library's own platform (skipped,
-#                 with the reason, when apt cannot provide the i386 packages)
+#                 with the reason, when apt cannot provide the multilib compiler)
 #   build-fuzz/   clang + libFuzzer: each fuzz target for QS_FUZZ_SECONDS
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,11 +23,16 @@ QS_STRESS_SCALE=0.25 \
     ctest --test-dir build-asan -j "$jobs" --output-on-failure --timeout 600
 
 echo "== 32-bit (build-m32/)"
-if why=$(scripts/deps.sh m32 2>&1 >/dev/null); then
+if ! why=$(scripts/deps.sh m32 2>&1 >/dev/null); then
+    echo "== 32-bit build skipped: apt cannot provide the multilib compiler (${why//$'\n'/; })"
+else
+    # The i386 libraries serve the NFS client; nothing built today links them,
+    # so a mirror that cannot provide them does not stop the 32-bit run.
+    if ! why=$(scripts/deps.sh m32libs 2>&1 >/dev/null); then
+        echo "== note: i386 libraries not installed (${why//$'\n'/; }); not needed by this build"
+    fi
     scripts/build.sh build-m32 -DQS_M32=ON
     ctest --test-dir build-m32 -j "$jobs" --output-on-failure --timeout 300
-else
-    echo "== 32-bit build skipped: apt cannot provide the i386 packages (${why//$'\n'/; })"
 fi
 
 echo "== fuzz, ${fuzz_seconds} s per target (build-fuzz/, clang)"
