@@ -46,7 +46,7 @@ DWORD CappedLength(int formatted, DWORD cap) {
 
 ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD flushInterval,
                        bool writeStartRec)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_RecsSinceFlush(0),
+    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
       m_FlushInterval(flushInterval), m_bMapped(true), m_OpenStatus(QS_E_NOT_VALID) {
     ResetMemberVariables(true, flushInterval);
     // Streams are opened from a static initialiser before main: nothing may
@@ -60,7 +60,8 @@ ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD fl
 }
 
 ZLogStream::ZLogStream(const char* path)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_RecsSinceFlush(0), m_FlushInterval(16384),
+    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
+      m_FlushInterval(16384),
       m_bMapped(false), m_OpenStatus(QS_E_NOT_VALID) {
     ResetMemberVariables(false, 16384);
     try {
@@ -86,6 +87,7 @@ ZLogStream::~ZLogStream() {
 void ZLogStream::ResetMemberVariables(bool mapped, DWORD flushInterval) {
     m_State = STREAM_SIG_INVALID;
     m_pImage = nullptr;
+    m_ImageBytes = 0;
     m_File.CloseHandle();
     m_FlushInterval = flushInterval;
     m_RecsSinceFlush = 0;
@@ -98,6 +100,7 @@ void ZLogStream::ReleaseResources() {
     else if (m_pImage)
         VirtualFree(m_pImage, 0, MEM_RELEASE);
     m_pImage = nullptr;
+    m_ImageBytes = 0;
     m_File.CloseHandle();
     m_Mutex.Close();
     m_State = STREAM_SIG_INVALID;
@@ -206,9 +209,12 @@ qsStatus ZLogStream::OpenLocked(const char* path, DWORD sizeKB, bool writeStartR
     char mapName[kMaxPath + 16];
     CreateAuxName(mapName, path, "_FMAP");
     void* view = m_File.MapFile(nullptr, PAGE_READWRITE, 0, sizeBytes, mapName);
+    // The file object reports a failed mapping and a failed view alike, so
+    // 0xE0020402 (no view) never arises here.
     if (!view)
         return QS_E_MAP;
     m_pImage = static_cast<ZLogFile*>(view);
+    m_ImageBytes = sizeBytes;
 
     if (needInit && writeStartRec) {
         s = m_pImage->WriteStartRec();
@@ -250,10 +256,14 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
     bool done = false;
 
     try {
-        // The cursors below need a valid stream over the old image.
+        // The cursors below need a valid stream over the old image.  Each of
+        // their steps takes and releases the lock, and one release frees it
+        // however often it was taken, so from the first step on the open goes
+        // on without it: nobody shares the mutex yet, it was just created.
         m_State = STREAM_SIG_VALID;
         m_pImage = static_cast<ZLogFile*>(
             m_File.MapFile(nullptr, PAGE_READONLY, 0, oldSizeBytes, nullptr));
+        m_ImageBytes = oldSizeBytes;
         void* newImage = nullptr;
         if (m_pImage &&
             qsSucceeded(tmp.CreateFileA(tmpPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
@@ -287,6 +297,7 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
 
         m_File.UnMapFile();
         m_pImage = nullptr;
+        m_ImageBytes = 0;
         if (copiedLast) {
             DWORD written = 0;
             done = m_File.SetFilePointer(LONG(newSizeBytes), nullptr, FILE_BEGIN) !=
@@ -301,6 +312,7 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
                           nullptr);
         m_File.UnMapFile();
         m_pImage = nullptr;
+        m_ImageBytes = 0;
         done = false;
     }
 
@@ -323,8 +335,9 @@ qsStatus ZLogStream::OpenSnapshot(const char* path) {
         return s;
     if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
         return QS_E_INVALIDARG;
+    // An empty file passes the multiple-of-1024 test but holds no header.
     DWORD size = found.nFileSizeLow;
-    if (found.nFileSizeHigh != 0 || size % 1024 != 0 || size > kMaxSnapshotBytes)
+    if (found.nFileSizeHigh != 0 || size % 1024 != 0 || size == 0 || size > kMaxSnapshotBytes)
         return QS_E_NOT_VALID;
 
     s = m_File.CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -345,6 +358,7 @@ qsStatus ZLogStream::ReadSnapshot(DWORD size) {
     m_pImage = static_cast<ZLogFile*>(VirtualAlloc(nullptr, size, MEM_COMMIT, PAGE_READWRITE));
     if (!m_pImage)
         return QS_E_OUT_OF_MEMORY;
+    m_ImageBytes = size;
     DWORD done = 0;
     if (!m_File.ReadFile(m_pImage, size, &done, nullptr) || done != size)
         return QS_E_FILE_READ;
@@ -424,6 +438,10 @@ qsStatus ZLogStream::Append(qsLogRecType type, DWORD flags, DWORD size, const Re
     qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
     if (qsFailed(s))
         return s;
+    if (!ImageIntact()) {
+        UnlockLogfile();
+        return QS_E_NOT_VALID;
+    }
     void* payload = nullptr;
     s = origin ? m_pImage->NewRecord(origin->time, origin->processId, origin->threadId, type, flags,
                                      size, &payload)
@@ -446,13 +464,19 @@ qsStatus ZLogStream::AppendMessage(LONG code, qsLogSev severity, DWORD flags, qs
     });
 }
 
-bool ZLogStream::Suppressed(qsLogSev severity) { return severity == qsLogSevInfo && !g_LogInfoMessages; }
-
-qsStatus ZLogStream::PrintString(const char* text, LONG code, qsLogSev severity, DWORD flags) {
+// Why a print operation does nothing: the stream is not usable, or the
+// message is informational while those are switched off.  0 otherwise.
+qsStatus ZLogStream::PrintRefusal(qsLogSev severity) const {
     if (m_State != STREAM_SIG_VALID)
         return QS_E_NOT_VALID;
-    if (Suppressed(severity))
+    if (severity == qsLogSevInfo && !g_LogInfoMessages)
         return QS_W_MSG_SUPPRESSED;
+    return QS_OK;
+}
+
+qsStatus ZLogStream::PrintString(const char* text, LONG code, qsLogSev severity, DWORD flags) {
+    if (qsStatus refused = PrintRefusal(severity))
+        return refused;
     if (!text)
         text = "";
     return AppendMessage(code, severity, flags, LOGREC_STRING_A, text,
@@ -460,54 +484,57 @@ qsStatus ZLogStream::PrintString(const char* text, LONG code, qsLogSev severity,
 }
 
 qsStatus ZLogStream::PrintString(const wchar_t* text, LONG code, qsLogSev severity, DWORD flags) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    if (Suppressed(severity))
-        return QS_W_MSG_SUPPRESSED;
+    if (qsStatus refused = PrintRefusal(severity))
+        return refused;
     if (!text)
         text = L"";
     return AppendMessage(code, severity, flags, LOGREC_STRING_W, text,
                          DWORD(wcsnlen(text, LOG_MSG_MAX_WCHARS)) * 4);
 }
 
-// The formatting buffers have one byte more than the longest text so that a
-// truncated text keeps all of its cap (the C library always spends a byte on
-// the terminator, which is not stored).
-qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
-                             va_list args) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    if (Suppressed(severity))
-        return QS_W_MSG_SUPPRESSED;
-    char text[LOG_MSG_MAX_TEXT + 1];
+// Formats a narrow message into `text` (cap + 1 bytes: the C library always
+// spends a byte on the terminator, which is not stored, so a truncated text
+// keeps all of its cap) and returns the length to store.  A formatting error
+// (-1, say for a wide argument it cannot convert) counts as the whole cap; the
+// buffer is then formatted again over zeros so that what it did not write is
+// never stack contents.
+static DWORD FormatNarrow(char* text, DWORD cap, const char* format, va_list args) {
     // "%hs" sends glibc down its slow path; the plain form prints the same text.
     char plain[kPlainFormatBytes];
     format = qsLogPlainFormat(format ? format : "", plain, sizeof plain);
-    int n = vsnprintf(text, sizeof text, format, args);
-    return AppendMessage(code, severity, flags, LOGREC_STRING_A, text,
-                         CappedLength(n, LOG_MSG_MAX_TEXT));
+    va_list again;
+    va_copy(again, args);
+    int n = vsnprintf(text, cap + 1, format, args);
+    if (n == -1) {
+        memset(text, 0, cap + 1);
+        vsnprintf(text, cap + 1, format, again);
+    }
+    va_end(again);
+    return CappedLength(n, cap);
+}
+
+qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
+                             va_list args) {
+    if (qsStatus refused = PrintRefusal(severity))
+        return refused;
+    char text[LOG_MSG_MAX_TEXT + 1];
+    DWORD length = FormatNarrow(text, LOG_MSG_MAX_TEXT, format, args);
+    return AppendMessage(code, severity, flags, LOGREC_STRING_A, text, length);
 }
 
 qsStatus ZLogStream::vBigMsgPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
                                    va_list args) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    if (Suppressed(severity))
-        return QS_W_MSG_SUPPRESSED;
+    if (qsStatus refused = PrintRefusal(severity))
+        return refused;
     char text[LOG_BIG_MSG_MAX_TEXT + 1];
-    char plain[kPlainFormatBytes];
-    format = qsLogPlainFormat(format ? format : "", plain, sizeof plain);
-    int n = vsnprintf(text, sizeof text, format, args);
-    return AppendMessage(code, severity, flags, LOGREC_STRING_A, text,
-                         CappedLength(n, LOG_BIG_MSG_MAX_TEXT));
+    DWORD length = FormatNarrow(text, LOG_BIG_MSG_MAX_TEXT, format, args);
+    return AppendMessage(code, severity, flags, LOGREC_STRING_A, text, length);
 }
 
 qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const wchar_t* format,
                              va_list args) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    if (Suppressed(severity))
-        return QS_W_MSG_SUPPRESSED;
+    if (qsStatus refused = PrintRefusal(severity))
+        return refused;
     // vswprintf answers -1 both for a truncated text and for one it could not
     // convert; either way the full 1022 characters are stored, so the buffer
     // starts zeroed to keep stack contents out of the file.
@@ -577,6 +604,14 @@ int32_t ZLogStream::WrapCount() const { return IsValid() ? int32_t(m_pImage->Wra
 const char* ZLogStream::GetLogFileName() const { return m_File.GetFileName(); }
 const ZLogFile* ZLogStream::Image() const { return IsValid() ? m_pImage : nullptr; }
 
+// The header must describe the bytes this stream holds.  Processes that open
+// the same file independently do not share its lock, and one of them may
+// re-initialise or resize the file under the others; a writer or reader that
+// trusted the new size would then run past its own mapping.
+bool ZLogStream::ImageIntact() const {
+    return m_pImage && m_pImage->SizeInBytes() == m_ImageBytes;
+}
+
 // ---------------------------------------------------------------------------
 // Cursors
 
@@ -592,7 +627,7 @@ template <typename Find> ZLogStream::iterator_base ZLogStream::CursorAt(Find fin
     if (qsFailed(LockLogfile(kLockTimeoutMs, kLockAttempts)))
         return end();
     iterator_base it;
-    const ZLogRec* rec = m_pImage && m_pImage->RecordCount() != 0 ? find(m_pImage) : nullptr;
+    const ZLogRec* rec = ImageIntact() && m_pImage->RecordCount() != 0 ? find(m_pImage) : nullptr;
     if (rec && static_cast<const void*>(rec) != m_pImage && m_pImage->IsRecordValid(rec, 0))
         it = iterator_base(this, rec);
     UnlockLogfile();
@@ -637,7 +672,7 @@ void ZLogStream::iterator_base::BecomeEnd() {
 // the pointer form of the record check alone does not.
 bool ZLogStream::iterator_base::StillOnRecord() const {
     const ZLogFile* image = m_pStream->m_pImage;
-    if (!image->IsRecordValid(m_pRec, 0) || m_pRec->GetRecInfoRecordId() != m_RecordId)
+    if (!m_pStream->ImageIntact() || !image->IsRecordValid(m_pRec, 0) || m_pRec->GetRecInfoRecordId() != m_RecordId)
         return false;
     uint64_t end = uint64_t(image->OffsetOf(m_pRec)) + m_pRec->GetRecSize();
     return m_pRec->GetRecSize() >= LOG_REC_HEADER_SIZE && end <= image->SizeInBytes();

@@ -153,7 +153,8 @@ private:
                     Fill fill);
     qsStatus AppendMessage(LONG code, qsLogSev severity, DWORD flags, qsLogRecType type,
                            const void* text, DWORD textBytes);
-    static bool Suppressed(qsLogSev severity);
+    qsStatus PrintRefusal(qsLogSev severity) const;
+    bool ImageIntact() const;
     template <typename Find> iterator_base CursorAt(Find find) const;
     qsStatus LockLogfile(DWORD timeoutMs, DWORD attempts) const;
     qsStatus UnlockLogfile() const;
@@ -166,6 +167,7 @@ private:
     uint32_t m_State;               // first word: STREAM_SIG_*
     mutable ZFile m_File;
     ZLogFile* m_pImage;
+    DWORD m_ImageBytes;             // bytes mapped or copied at m_pImage
     DWORD m_RecsSinceFlush;
     DWORD m_FlushInterval;
     mutable ZMutex m_Mutex;         // named after the file; private in the snapshot form

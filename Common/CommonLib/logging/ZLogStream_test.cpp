@@ -457,9 +457,10 @@ TEST(ZLogStreamSnapshot, ReadsAPrivateCopyAndRefusesWhatIsNotALogFile) {
     EXPECT_EQ(Texts(ReadRecords(dir / kName)), (std::vector<std::string>{"before", "after"}));
 
     qsTest::WriteFileText(dir / "odd", std::string(1000, '\0'));
+    qsTest::WriteFileText(dir / "empty", "");
     qsTest::WriteFileText(dir / "zeros", std::string(2048, '\0'));
     for (const std::string& bad :
-         {dir.Path(), dir / "missing", dir / "odd", dir / "zeros", dir / "*.log"}) {
+         {dir.Path(), dir / "missing", dir / "odd", dir / "empty", dir / "zeros", dir / "*.log"}) {
         ZLogStream snap(bad.c_str());
         EXPECT_FALSE(snap.IsValid()) << bad;
     }
@@ -471,4 +472,30 @@ TEST(ZLogStreamNames, AuxiliaryNamesAreFlattenedAndUpperCased) {
     EXPECT_STREQ(out, "_VAR_LOG_X_MUTEX");
     ZLogStream::CreateAuxName(out, "c:\\Logs\\a.log", "_FMAP");
     EXPECT_STREQ(out, "C:_LOGS_A.LOG_FMAP");
+}
+
+// Processes that open a file independently do not share its lock, so one may
+// resize the file under another.  The other must then refuse to write or walk
+// rather than trust a header that describes more than it has mapped.
+TEST(ZLogStreamOpen, AnotherOpenerResizingTheFileStopsThisOneSafely) {
+    TempDir dir;
+    ZLogStream first(dir.Path().c_str(), kName, 4, 16384, true);
+    ASSERT_EQ(Printf(first, 0, 1, "before"), QS_OK);
+    ZLogStream second(dir.Path().c_str(), kName, 64, 16384, true);
+    ASSERT_TRUE(second.IsValid());
+    EXPECT_EQ(Printf(first, 0, 1, "after"), QS_E_NOT_VALID);
+    EXPECT_TRUE(first.begin().IsEnd());
+    EXPECT_EQ(Texts(ReadRecords(second)), (std::vector<std::string>{"before"}));
+}
+
+TEST(ZLogStreamWrite, AFormattingErrorStoresZerosNotStackContents) {
+    TempDir dir;
+    ZLogStream s(dir.Path().c_str(), kName, 8, 16384, true);
+    // In the C locale a wide argument outside ASCII cannot be converted.
+    EXPECT_EQ(Printf(s, 0, 1, "abc %ls", L"\u00e9\u4e2d"), QS_OK);
+    auto records = ReadRecords(s);
+    ASSERT_EQ(records.size(), 2u);
+    const std::string text = records[1].Text();
+    ASSERT_EQ(text.size(), 1016u);
+    EXPECT_EQ(text.find_first_not_of('\0', text.find('\0')), std::string::npos);
 }

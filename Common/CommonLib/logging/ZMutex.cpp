@@ -209,13 +209,15 @@ qsStatus ZMutex::Create(const char* name, bool initialOwner) {
         } else {
             opened = true;
             m_pBlock = MapBlock(m_hShm);
-            // The creator may still be initialising; give it a few seconds.
-            for (int test = 0; m_pBlock && test < CREATOR_WAIT_TESTS; test++) {
-                if (IsInitialised(m_pBlock))
-                    break;
-                sleep(1);
+            // The creator may still be initialising: four tests, each
+            // followed by a second's sleep when it fails.
+            bool ready = false;
+            for (int test = 0; m_pBlock && test < CREATOR_WAIT_TESTS && !ready; test++) {
+                ready = IsInitialised(m_pBlock);
+                if (!ready)
+                    sleep(1);
             }
-            if (!IsInitialised(m_pBlock)) {
+            if (!ready) {
                 Detach();
                 result = QS_E_MUTEX_CREATE;
             }

@@ -243,6 +243,13 @@ qsStatus ResolveLogDirectory(std::string& path) {
     return QS_OK;
 }
 
+// strtoul as on the 32-bit platform: a value past 32 bits saturates (and is
+// then refused as too large) rather than wrapping to some smaller size.
+DWORD SizeFromText(const char* text) {
+    unsigned long long v = strtoull(text, nullptr, 0);
+    return v > 0xFFFFFFFFull ? 0xFFFFFFFFu : DWORD(v);
+}
+
 std::string StreamFileName(const qsLogStreamInfo& entry) {
     char computer[MAX_PATH];
     DWORD size = sizeof computer;
@@ -289,7 +296,7 @@ qsStatus qsLogStreamObjectsInit(const char*) {
     for (qsLogStreamInfo& entry : g_ZLogInfo) {
         if (*entry.stream)
             continue;
-        DWORD sizeKB = sizeOverride ? DWORD(strtoul(sizeOverride, nullptr, 0)) : *entry.sizeKB;
+        DWORD sizeKB = sizeOverride ? SizeFromText(sizeOverride) : *entry.sizeKB;
         if (sizeKB == 0)
             continue;
         auto* stream =
@@ -305,9 +312,12 @@ qsStatus qsLogStreamObjectsInit(const char*) {
 }
 
 void qsLogStreamObjectsTerm() {
+    // The global goes first: whatever the closing stream reports must not be
+    // appended to the stream being destroyed.
     for (qsLogStreamInfo& entry : g_ZLogInfo) {
-        delete *entry.stream;
+        ZLogStream* stream = *entry.stream;
         *entry.stream = nullptr;
+        delete stream;
     }
 }
 
