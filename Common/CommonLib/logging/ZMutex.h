@@ -75,6 +75,5 @@ private:
     int m_hShm;
     ZMutexBlock m_Local;
     pthread_mutexattr_t m_MutexAttr;
-    pthread_condattr_t m_CondAttr;
     std::string m_Name;
 };
