@@ -14,13 +14,11 @@ TEST(WatcherSignals, PriorityOrder) {
         sigset_t received;
         sigemptyset(&received);
         sigaddset(&received, SIGUSR1);
-        int expected = 0;
-        for (int i = 3; i >= 0; i--) {
-            if (subset & (1u << i)) {
+        for (int i = 0; i < 4; i++) {
+            if (subset & (1u << i))
                 sigaddset(&received, order[i]);
-                expected = order[i];
-            }
         }
+        int expected = subset ? order[__builtin_ctz(subset)] : 0;
         EXPECT_EQ(expected, qsWatcher::FirstPending(received)) << "subset " << subset;
     }
 }
@@ -47,14 +45,13 @@ TEST(WatcherSignals, OneHandlerPerSigsuspend) {
     for (int sig : qsWatcher::kSignals)
         sigaction(sig, &sa, nullptr);
 
-    const std::pair<int, int> pairs[] = {{SIGINT, SIGHUP}, {SIGCHLD, SIGTERM}, {SIGINT, SIGCHLD}};
-    for (auto [first, second] : pairs) {
+    for (auto [first, second] :
+         {std::pair{SIGINT, SIGHUP}, {SIGCHLD, SIGTERM}, {SIGINT, SIGCHLD}}) {
         g_Handled.clear();
         kill(getpid(), first);
         kill(getpid(), second);
         sigsuspend(&old);
         ASSERT_EQ(1u, g_Handled.size());
-        EXPECT_EQ(std::min(first, second), g_Handled[0]);
         sigsuspend(&old);
         EXPECT_EQ((std::vector<int>{std::min(first, second), std::max(first, second)}), g_Handled);
     }

@@ -1,34 +1,26 @@
-// Helpers for tests that run real processes: spawning, bounded waits, the
-// probe's record file, and a fixture that leaves no process behind.
+// Helpers for tests that run the watcher and its targets as real processes:
+// bounded waits, /proc, the probe's record file, the watcher's lines in the
+// log, and a fixture that leaves no process behind.
 #pragma once
 
+#include "qsLog.h"
+#include "qsLogRecords.h"
 #include "qsTestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <ctime>
-#include <dirent.h>
 #include <sstream>
-#include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace qsWatcherTest {
 
 using Args = std::vector<std::string>;
+using Sigs = std::vector<int>;
 
-inline Args operator+(Args a, const Args& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-// CLOCK_MONOTONIC in ms, the clock of the probe's "t=".
+// CLOCK_MONOTONIC in ms, the clock of the probe's start times.
 inline int64_t NowMs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -36,132 +28,59 @@ inline int64_t NowMs() {
 }
 
 // Polls `done` every 10 ms for at most `seconds`.
-template <typename Pred> bool WaitUntil(Pred done, double seconds) {
-    int64_t deadline = NowMs() + int64_t(seconds * 1000);
-    for (;;) {
-        if (done())
-            return true;
-        if (NowMs() >= deadline)
-            return false;
-        usleep(10000);
-    }
-}
-
-// Waits at most `seconds` for the child `pid` to end and reaps it.
-inline bool WaitExit(pid_t pid, int* status, double seconds) {
-    return WaitUntil([&] { return waitpid(pid, status, WNOHANG) == pid; }, seconds);
-}
-
-inline bool ExitedWith(int status, int code) {
-    return WIFEXITED(status) && WEXITSTATUS(status) == code;
-}
-
-// Runs args[0] with a clean slate: default dispositions and the given blocked
-// mask (empty by default).  The process is killed should this test die first.
-inline pid_t Spawn(const Args& args, const char* cwd = nullptr, const sigset_t* mask = nullptr) {
-    std::vector<char*> argv;
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    pid_t pid = fork();
-    if (pid != 0)
-        return pid;
-    for (int sig = 1; sig < NSIG; sig++)
-        signal(sig, SIG_DFL);
-    sigprocmask(SIG_SETMASK, mask ? mask : &none, nullptr);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (cwd && chdir(cwd) != 0)
-        _exit(126);
-    execv(argv[0], argv.data());
-    _exit(127);
-}
-
-// Fields of /proc/<pid>/stat after the command name: state, ppid, pgrp, session.
-struct ProcStat {
-    char state = '?';
-    pid_t ppid = -1, pgrp = -1, session = -1;
-};
-
-inline bool ReadProcStat(pid_t pid, ProcStat* st) {
-    std::string text = qsTest::ReadFileText("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = text.rfind(')');
-    if (paren == std::string::npos)
-        return false;
-    std::istringstream in(text.substr(paren + 1));
-    in >> st->state >> st->ppid >> st->pgrp >> st->session;
-    return bool(in);
-}
-
-// Alive and not a zombie.
-inline bool Running(pid_t pid) {
-    ProcStat st;
-    return ReadProcStat(pid, &st) && st.state != 'Z';
-}
-
-// True once `pid` catches SIGINT, SIGTERM, SIGHUP and SIGCHLD (the watcher's
-// handlers are in place, so a signal sent now is acted on, not fatal).
-inline bool CatchesWatchedSignals(pid_t pid) {
-    std::string text = qsTest::ReadFileText("/proc/" + std::to_string(pid) + "/status");
-    size_t at = text.find("SigCgt:");
-    if (at == std::string::npos)
-        return false;
-    uint64_t caught = strtoull(text.c_str() + at + 7, nullptr, 16);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
-        if (!(caught & (1ULL << (sig - 1))))
+template <typename Pred> bool WaitUntil(Pred done, double seconds = 10) {
+    for (int64_t end = NowMs() + int64_t(seconds * 1000); !done(); usleep(10000)) {
+        if (NowMs() >= end)
             return false;
     }
     return true;
 }
 
-inline std::vector<pid_t> ChildrenOfThisProcess() {
-    std::vector<pid_t> kids;
-    DIR* proc = opendir("/proc");
-    if (!proc)
-        return kids;
-    while (dirent* e = readdir(proc)) {
-        pid_t pid = pid_t(atoi(e->d_name));
-        ProcStat st;
-        if (pid > 0 && ReadProcStat(pid, &st) && st.ppid == getpid())
-            kids.push_back(pid);
-    }
-    closedir(proc);
-    return kids;
+// A number of /proc/PID/status ("PPid", "NSsid", hex "SigBlk"), -1 when gone.
+inline long long Proc(pid_t pid, const std::string& key, int base = 10) {
+    std::string s = qsTest::ReadFileText("/proc/" + std::to_string(pid) + "/status");
+    size_t at = s.find("\n" + key + ":\t");
+    return at == std::string::npos ? -1 : strtoll(s.c_str() + at + key.size() + 3, nullptr, base);
+}
+inline bool Running(pid_t pid) {
+    std::string s = qsTest::ReadFileText("/proc/" + std::to_string(pid) + "/status");
+    return !s.empty() && s.find("State:\tZ") == std::string::npos;
 }
 
-// One run of the probe as its record file tells it.
+// A run of the probe as its record file tells it.
 struct ProbeRun {
-    int run = -1;
-    pid_t pid = -1, ppid = -1, sid = -1, pgid = -1;
-    uint64_t mask = 0;
-    int64_t t = 0;
-    std::string cwd;
-    std::vector<int> sigs; // in the order received
+    pid_t pid;
+    int64_t t;
+    Sigs sigs; // in the order received
 };
+inline std::string Hex(long v) {
+    std::ostringstream s;
+    s << std::hex << v;
+    return s.str();
+}
 
-inline std::vector<ProbeRun> ReadRuns(const std::string& record) {
-    std::vector<ProbeRun> runs;
-    std::istringstream in(qsTest::ReadFileText(record));
-    for (std::string line; std::getline(in, line);) {
-        ProbeRun r;
-        char cwd[4096] = "";
-        unsigned long long mask = 0;
-        long long t = 0;
-        int sig = 0;
-        if (sscanf(line.c_str(),
-                   "start run=%d pid=%d ppid=%d sid=%d pgid=%d mask=%llx t=%lld cwd=%4095[^\n]",
-                   &r.run, &r.pid, &r.ppid, &r.sid, &r.pgid, &mask, &t, cwd) == 8) {
-            r.mask = mask;
-            r.t = t;
-            r.cwd = cwd;
-            runs.push_back(r);
-        } else if (sscanf(line.c_str(), "signal run=%d pid=%*d sig=%d", &r.run, &sig) == 2 &&
-                   r.run >= 0 && size_t(r.run) < runs.size()) {
-            runs[size_t(r.run)].sigs.push_back(sig);
-        }
+// A message line of the log as "pid severity text".
+inline std::string Line(pid_t pid, int32_t severity, const std::string& text) {
+    return std::to_string(pid) + " " + std::to_string(severity) + " " + text;
+}
+
+// The default log of this test's QS_LOG_DIR.
+inline std::string LogPath() {
+    char file[300];
+    DWORD length = sizeof file;
+    EXPECT_EQ(qsLogGetStreamFileName(0, file, length), QS_OK);
+    return std::string(getenv("QS_LOG_DIR")) + "/" + file;
+}
+
+// The message lines of the default log written by processes other than this
+// test, oldest first.
+inline std::vector<std::string> WatcherLines() {
+    std::vector<std::string> lines;
+    for (const auto& r : qsTest::ReadRecords(LogPath())) {
+        if (r.Type() == LOGREC_STRING_A && r.info.GetProcessId() != DWORD(getpid()))
+            lines.push_back(Line(pid_t(r.info.GetProcessId()), r.Severity(), r.Text()));
     }
-    return runs;
+    return lines;
 }
 
 // Fixture for tests that start processes.  This process becomes a subreaper,
@@ -171,26 +90,76 @@ inline std::vector<ProbeRun> ReadRuns(const std::string& record) {
 class ProcessTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1)); }
-
     void TearDown() override {
-        for (int round = 0; round < 50; round++) {
-            std::vector<pid_t> kids = ChildrenOfThisProcess();
-            for (pid_t pid : kids)
-                kill(pid, SIGKILL);
-            pid_t reaped;
-            while ((reaped = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        for (int round = 0; round < 50; round++, usleep(20000)) {
+            bool any = false;
+            for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+                pid_t pid = pid_t(atoi(e.path().filename().c_str()));
+                if (pid > 0 && Proc(pid, "PPid") == getpid())
+                    any = kill(pid, SIGKILL) == 0 || any;
             }
-            if (kids.empty() && reaped == -1)
+            while (waitpid(-1, nullptr, WNOHANG) > 0) {
+            }
+            if (!any)
                 return;
-            usleep(20000);
         }
         ADD_FAILURE() << "processes left behind";
     }
 
-    std::vector<ProbeRun> Runs() const { return ReadRuns(Record()); }
-    std::string Record(const char* name = "record") const { return m_Dir / name; }
+    // Runs the watcher with `options` and `target` in m_Dir, with SIGUSR1
+    // blocked (which the target must not inherit); it is killed should this
+    // test die first.
+    pid_t Watch(Args options, const Args& target = {}) {
+        options.insert(options.begin(), WATCHER_PATH);
+        options.insert(options.end(), target.begin(), target.end());
+        std::vector<char*> argv;
+        for (std::string& w : options)
+            argv.push_back(w.data());
+        argv.push_back(nullptr);
+        pid_t pid = fork();
+        if (pid != 0)
+            return pid;
+        sigset_t usr1;
+        sigemptyset(&usr1);
+        sigaddset(&usr1, SIGUSR1);
+        sigprocmask(SIG_SETMASK, &usr1, nullptr);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (chdir(m_Dir.Path().c_str()) == 0)
+            execv(argv[0], argv.data());
+        _exit(127);
+    }
+    // Waits for the watcher (or its daemonising parent) to exit with status 0.
+    void Ends(pid_t watcher, double seconds = 10) {
+        int status = -1;
+        ASSERT_TRUE(
+            WaitUntil([&] { return waitpid(watcher, &status, WNOHANG) == watcher; }, seconds));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << std::hex << status;
+        m_EndMs = NowMs();
+    }
+
+    // The probe's words with its plans, and its runs, for a record file.
+    Args Probe(Args plans, const char* record = "record") const {
+        plans.insert(plans.begin(), {PROBE_PATH, m_Dir / record});
+        return plans;
+    }
+    std::vector<ProbeRun> Runs(const char* record = "record") const {
+        std::vector<ProbeRun> runs;
+        std::istringstream in(qsTest::ReadFileText(m_Dir / record));
+        long long a, b;
+        for (std::string word; in >> word >> a >> b;) {
+            if (word == "start")
+                runs.push_back({pid_t(a), b, {}});
+            else if (size_t(a) < runs.size())
+                runs[size_t(a)].sigs.push_back(int(b));
+        }
+        return runs;
+    }
+    bool HasRuns(size_t n, const char* record = "record") const {
+        return WaitUntil([&] { return Runs(record).size() >= n; });
+    }
 
     qsTest::TempDir m_Dir{"watcher"};
+    int64_t m_EndMs = 0;
 };
 
 } // namespace qsWatcherTest

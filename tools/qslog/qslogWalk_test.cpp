@@ -1,5 +1,5 @@
 // Copying and walking log images built in memory with the library's own
-// placement, whole, wrapped, damaged and changing under the reader.
+// placement: whole, wrapped, damaged and changing under the reader.
 #include "qslogWalk.h"
 
 #include <gtest/gtest.h>
@@ -25,96 +25,79 @@ struct Image {
         for (int i = 0; i < messages; ++i)
             Add("message " + std::to_string(i));
     }
-    void Add(const std::string& text, int32_t severity = 1) {
+    void Add(const std::string& text) {
         void* p = nullptr;
         ASSERT_EQ(file->NewRecord(LOGREC_STRING_A, 0, DWORD(8 + text.size()), &p), QS_OK);
-        int32_t code = 0;
-        memcpy(p, &code, 4);
-        memcpy(static_cast<char*>(p) + 4, &severity, 4);
+        memset(p, 0, 8);
         memcpy(static_cast<char*>(p) + 8, text.data(), text.size());
     }
     uint8_t* Bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
     size_t Size() const { return words.size() * 8; }
     void Poke(size_t at, uint32_t v) { memcpy(Bytes() + at, &v, 4); }
+    // An anonymous file holding the image's first `size` bytes.
+    int MemFile(size_t size) {
+        int fd = memfd_create("qslog-walk", MFD_CLOEXEC);
+        EXPECT_EQ(pwrite(fd, Bytes(), size, 0), ssize_t(size));
+        return fd;
+    }
 };
 
-// An anonymous file holding `bytes`.
-int MemFile(const void* bytes, size_t size) {
-    int fd = memfd_create("qslog-walk", MFD_CLOEXEC);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(pwrite(fd, bytes, size, 0), ssize_t(size));
-    return fd;
-}
-
+// The image read back from a file of its first `size` bytes and walked.
 struct Walked {
     LogImage image;
     std::vector<Entry> entries;
     ChainSummary chain;
-    LogImage::Load load;
 
-    Walked(const void* bytes, size_t size, DWORD after = 0) {
-        int fd = MemFile(bytes, size);
-        load = image.Read(fd);
-        if (load == LogImage::Load::Ok) {
-            chain = CollectRecords(image, after, 0, entries);
+    Walked(Image& img, size_t size) {
+        int fd = img.MemFile(size);
+        if (image.Read(fd) == LogImage::Load::Ok) {
+            chain = CollectRecords(image, 0, 0, entries);
             ConfirmWithFile(fd, image, entries);
         }
         close(fd);
     }
-    std::vector<DWORD> Ids() const {
-        std::vector<DWORD> ids;
-        for (const Entry& e : entries)
-            if (!e.IsGap())
-                ids.push_back(e.rec.Id());
-        return ids;
+    // The ids, checked to follow one another; 0 when they do not.
+    std::pair<DWORD, DWORD> Ids() const {
+        DWORD first = entries.empty() ? 0 : entries.front().rec.Id(), next = first;
+        for (const Entry& e : entries) {
+            if (e.IsGap() || e.rec.Id() != next++)
+                return {0, 0};
+        }
+        return {first, next - 1};
     }
 };
 
-std::vector<DWORD> Range(DWORD first, DWORD last) {
-    std::vector<DWORD> v;
-    for (DWORD i = first; i <= last; ++i)
-        v.push_back(i);
-    return v;
-}
+using Ids = std::pair<DWORD, DWORD>;
 
 } // namespace
 
-TEST(QslogWalk, HeaderDamageIsRepairedInTheCopyOnly) {
+// A wrong record count is a problem of the chain, but one ahead is a writer
+// between placing a record and publishing it, not damage.  The record that
+// ends exactly at the end of the file (1 KiB: the start record, sixteen
+// strides of 56 and one of 60) is not missed.
+TEST(QslogWalk, RecordCountAndBoundaries) {
     Image img(2, 20);
-    const std::vector<uint64_t> good = img.words;
-
-    img.Poke(0, 0x01020304);
-    Walked sig(img.Bytes(), img.Size());
-    ASSERT_EQ(sig.load, LogImage::Load::Ok);
-    EXPECT_TRUE(sig.image.HeaderRebuilt());
-    EXPECT_EQ(sig.Ids(), Range(1, 21));
-
-    img.words = good;
     img.Poke(20, 5); // record count
-    Walked count(img.Bytes(), img.Size());
-    EXPECT_EQ(count.Ids(), Range(1, 21));
+    Walked count(img, img.Size());
+    EXPECT_EQ(count.Ids(), Ids(1, 21));
     EXPECT_FALSE(count.chain.valid);
-    ASSERT_EQ(count.image.Problems().size(), 1u);
-    EXPECT_EQ(count.image.Problems()[0], "the header counts 5 records but the newest is #21");
-
-    // A count one ahead is a writer between placing a record and publishing
-    // it, not damage.
-    img.words = good;
+    EXPECT_EQ(count.image.Problems(),
+              std::vector<std::string>{"the header counts 5 records but the newest is #21"});
     img.Poke(20, 22);
-    Walked ahead(img.Bytes(), img.Size());
+    Walked ahead(img, img.Size());
     EXPECT_TRUE(ahead.chain.valid);
-    EXPECT_EQ(ahead.Ids(), Range(1, 21));
+    EXPECT_EQ(ahead.Ids(), Ids(1, 21));
 
-    // Cut short: the size field is bounded by the bytes read.
-    img.words = good;
-    Walked cut(img.Bytes(), 1000);
-    ASSERT_EQ(cut.load, LogImage::Load::Ok);
-    EXPECT_EQ(cut.image.Size(), 1000u);
-    std::vector<DWORD> ids = cut.Ids();
-    ASSERT_FALSE(ids.empty());
-    EXPECT_EQ(ids, Range(1, ids.back()));
-    for (const Entry& e : cut.entries)
-        EXPECT_LE(e.rec.offset + e.rec.recSize, 1000u);
+    Image exact(1, 0);
+    for (int i = 0; i < 16; ++i)
+        exact.Add("12345678");
+    exact.Add("123456789012"); // #18, ends at 1024
+    for (int i = 0; i < 3; ++i)
+        exact.Add("after");
+    ASSERT_EQ(exact.file->WrapCount(), 1u);
+    Ids ids = Walked(exact, exact.Size()).Ids();
+    EXPECT_LT(ids.first, 18u);
+    EXPECT_EQ(ids.second, 21u);
 }
 
 TEST(QslogWalk, RandomDamageStaysInsideTheImage) {
@@ -130,27 +113,25 @@ TEST(QslogWalk, RandomDamageStaysInsideTheImage) {
             img.Poke(at, values[rng() % 8]);
         }
         size_t size = rng() % 4 == 0 ? rng() % img.Size() : img.Size();
-        Walked w(img.Bytes(), size);
+        Walked w(img, size);
         DWORD last = 0;
         for (const Entry& e : w.entries) {
-            if (e.IsGap()) {
-                ASSERT_GT(e.lostFirst, last);
-                last = e.lostLast;
-                continue;
-            }
-            ASSERT_GT(e.rec.Id(), last) << "round " << round;
-            last = e.rec.Id();
-            ASSERT_GE(e.rec.offset, 28u);
-            ASSERT_LE(uint64_t(e.rec.offset) + e.rec.recSize, w.image.Size());
-            ASSERT_LE(w.image.Size(), size);
+            ASSERT_GT(e.IsGap() ? e.lostFirst : e.rec.Id(), last) << "round " << round;
+            last = e.IsGap() ? e.lostLast : e.rec.Id();
+            ASSERT_TRUE(e.IsGap() || (e.rec.offset >= 28 &&
+                                      uint64_t(e.rec.offset) + e.rec.recSize <= w.image.Size()))
+                << "round " << round;
         }
+        ASSERT_LE(w.image.Size(), size);
     }
 }
 
 TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
     Image img(2, 20);
-    int fd = MemFile(img.Bytes(), img.Size());
-    auto copyAndWalk = [&](LogImage& image, std::vector<Entry>& entries) {
+    int fd = img.MemFile(img.Size());
+    LogImage image;
+    std::vector<Entry> entries;
+    auto copyAndWalk = [&] {
         ASSERT_EQ(image.Read(fd), LogImage::Load::Ok);
         entries.clear();
         CollectRecords(image, 0, 0, entries);
@@ -158,13 +139,10 @@ TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
 
     // The newest record's payload was still being copied in: its last byte
     // changed after our copy.  The settled bytes are taken.
-    LogImage image;
-    std::vector<Entry> entries;
-    copyAndWalk(image, entries);
+    copyAndWalk();
     ASSERT_EQ(entries.size(), 21u);
     const Record& newest = entries.back().rec;
-    char z = 'Z';
-    pwrite(fd, &z, 1, newest.offset + newest.recSize - 1);
+    ASSERT_EQ(pwrite(fd, "Z", 1, newest.offset + newest.recSize - 1), 1);
     EXPECT_EQ(ConfirmWithFile(fd, image, entries), Confirm::Whole);
     ASSERT_EQ(entries.size(), 21u);
     std::string scratch;
@@ -172,10 +150,9 @@ TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
 
     // A writer wrapped and overwrote the oldest records since the copy: the
     // records of the copy in the stretch it wrote are dropped, the rest kept.
-    copyAndWalk(image, entries);
+    copyAndWalk();
     for (int i = 0; i < 15; ++i)
         img.Add("later " + std::to_string(i));
-    ASSERT_EQ(img.file->WrapCount(), 1u);
     ASSERT_EQ(pwrite(fd, img.Bytes(), img.Size(), 0), ssize_t(img.Size()));
     EXPECT_EQ(ConfirmWithFile(fd, image, entries), Confirm::Whole);
     ASSERT_FALSE(entries.empty());
@@ -185,7 +162,7 @@ TEST(QslogWalk, ConfirmingDropsWhatAWriterChangedWhileWeRead) {
     EXPECT_LT(entries.size(), 21u);
 
     // Gone round the whole file since: nothing in the copy is certain.
-    copyAndWalk(image, entries);
+    copyAndWalk();
     for (int i = 0; i < 60; ++i)
         img.Add("much later " + std::to_string(i));
     ASSERT_EQ(pwrite(fd, img.Bytes(), img.Size(), 0), ssize_t(img.Size()));
