@@ -30,10 +30,12 @@ struct LogRecord {
     }
 };
 
-// Walks from the oldest record to the newest with the stream's own cursor.
-inline std::vector<LogRecord> ReadRecords(const ZLogStream& stream) {
+// Walks from the oldest record to the newest with the stream's own cursor,
+// or from the newest to the oldest; stops at the first unreadable record.
+inline std::vector<LogRecord> ReadRecords(const ZLogStream& stream, bool newestFirst = false) {
     std::vector<LogRecord> records;
-    for (auto it = stream.rbegin(); it.IsValid(); it.NextRec()) {
+    for (auto it = newestFirst ? stream.begin() : stream.rbegin(); it.IsValid();
+         newestFirst ? it.PrevRec() : it.NextRec()) {
         LogRecord r;
         DWORD size = 0;
         qsStatus s = it.GetRecData(nullptr, &size, &r.info);

@@ -8,25 +8,13 @@
 #include "qsWinApi.h"
 
 #include <gtest/gtest.h>
-#include <stdexcept>
-#include <sys/stat.h>
+#include <tuple>
 
 // Every case runs in a process of its own, so the environment and the
 // process-wide logging state can be changed freely here.
+using std::filesystem::is_directory;
 
 namespace {
-
-void SetEnv(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
-
-bool IsDirectory(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-off_t FileSize(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
 
 std::string ComputerName() {
     char name[MAX_PATH];
@@ -34,20 +22,23 @@ std::string ComputerName() {
     return GetComputerNameA(name, &size) ? name : "";
 }
 
-std::string StreamPath(const std::string& dir, const char* file) {
-    return dir + "/" + ComputerName() + "_" + file;
-}
-
-// The newest record of the default stream.
-qsTest::LogRecord Newest() {
-    auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-    return records.empty() ? qsTest::LogRecord{} : records.back();
+// Size of a default stream's file in KiB, -1 when there is none.
+long StreamKB(const std::string& dir, const char* file) {
+    std::error_code ec;
+    auto size = std::filesystem::file_size(dir + "/" + ComputerName() + "_" + file, ec);
+    return ec ? -1 : long(size / 1024);
 }
 
 // Restarts logging from the environment as it now stands.
 qsStatus Reopen() {
     qsLogging::StopLogging();
     return qsLogStreamObjectsInit(nullptr);
+}
+
+std::string LogDirectory() {
+    char buffer[600];
+    DWORD length = sizeof buffer;
+    return qsSucceeded(qsLogGetLogDirectory(buffer, length)) ? buffer : "(failed)";
 }
 
 struct FakeStream {
@@ -57,37 +48,113 @@ struct FakeStream {
 
 } // namespace
 
-TEST(qsLogStart, DefaultStreamsAreOpenBeforeMain) {
+// The default streams are open before main; StartLogging keeps them unless
+// restarted.
+TEST(qsLogStart, DefaultStreamsOpenBeforeMainStartAndStop) {
     const std::string dir = getenv("QS_LOG_DIR");
-    EXPECT_TRUE(g_LoggingInitialized);
-    EXPECT_EQ(g_CurrentProcessId, DWORD(getpid()));
-    EXPECT_EQ(g_hInstance, reinterpret_cast<HANDLE>(intptr_t(getpid())));
-    EXPECT_TRUE(g_LogInfoMessages);
-
+    EXPECT_TRUE(g_LoggingInitialized && g_LogInfoMessages);
     ASSERT_NE(g_pZLogStreamDefault, nullptr);
-    ASSERT_NE(g_pZLogStreamEvents, nullptr);
     EXPECT_EQ(g_pZLogStreamPerfCtrs, nullptr);
-    EXPECT_EQ(g_pZLogStreamDefault->StateWord(), STREAM_SIG_VALID);
-    EXPECT_EQ(FileSize(StreamPath(dir, "Default.log")), 4096 * 1024);
-    EXPECT_EQ(FileSize(StreamPath(dir, "Events.log")), 4096 * 1024);
-    EXPECT_EQ(FileSize(StreamPath(dir, "PerfCtrs.log")), -1);
+    EXPECT_EQ(StreamKB(dir, "Default.log"), 4096);
+    EXPECT_EQ(StreamKB(dir, "Events.log"), 4096);
+    EXPECT_EQ(StreamKB(dir, "PerfCtrs.log"), -1);
+    EXPECT_EQ(qsTest::ReadRecords(*g_pZLogStreamDefault).at(0).Type(), LOGREC_START);
 
-    auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-    ASSERT_FALSE(records.empty());
-    EXPECT_EQ(records.front().Type(), LOGREC_START);
+    ZLogStream* before = g_pZLogStreamDefault;
+    EXPECT_EQ(qsLogging::StartLogging(false, nullptr, 1024, 1024, 0), QS_OK);
+    EXPECT_EQ(g_pZLogStreamDefault, before);
+    qsTest::TempDir tmp;
+    setenv("QS_LOG_DIR", tmp.Path().c_str(), 1);
+    EXPECT_EQ(qsLogging::StartLogging(true, nullptr, 1024, 0, 0), QS_OK);
+    EXPECT_TRUE(g_pZLogStreamDefault && !g_pZLogStreamEvents);
+    EXPECT_EQ(StreamKB(tmp.Path(), "Default.log"), 1024);
+    EXPECT_EQ(qsLogging::StopLogging(), QS_OK);
+    EXPECT_FALSE(g_LoggingInitialized || g_pZLogStreamDefault);
 }
 
-TEST(qsLogMessages, EveryCallFailsWithoutAStreamAndReportersStillAnswerTheirCode) {
-    qsLogging::StopLogging();
-    ASSERT_EQ(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(qsLogPrintfA(0, 1, "x"), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogPrintfW(0, 1, "x"), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogPrintfEx(0, 1, 2, "x"), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogPrintStringA("x", 0, 1, 0), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogPrintStringW("x", 0, 1, 0), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogBigMsgPrintfA(0, 1, "x"), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(qsLogPrintModuleMessage(nullptr, nullptr), QS_E_NO_LOG_STREAM);
+TEST(qsLogMessages, InfoSwitchModuleMessagesAndExceptionReportsAreRecordedAsWritten) {
+    typedef std::tuple<std::string, uint32_t, int32_t, DWORD> Rec; // text, code, severity, flags
+    auto newest = [] {
+        auto r = qsTest::ReadRecords(*g_pZLogStreamDefault).back();
+        return Rec(r.Text(), r.Code(), r.Severity(), r.info.GetFlags());
+    };
+    qsLogInfoMessages(false);
+    EXPECT_EQ(qsLogPrintfA(0, 0, "dropped"), QS_W_MSG_SUPPRESSED);
+    EXPECT_EQ(qsLogPrintModuleMessage(nullptr, nullptr), QS_OK);
+    EXPECT_EQ(newest(), Rec("App Info", QS_I_MODULE_MESSAGE, 1, 2));
+    qsLogInfoMessages(true);
+    EXPECT_EQ(qsLogPrintfA(7, 0, "detail %d", 42), QS_OK);
+    EXPECT_EQ(newest(), Rec("detail 42", 7, 0, 0));
+    const std::string big(5000, 'b');
+    qsLogBigMsgPrintfA(0, 1, "%s", big.c_str());
+    EXPECT_EQ(newest(), Rec(big.substr(0, 4088), 0, 1, 0));
+    qsLogPrintUnhandledExceptionMessage(nullptr, 5);
+    EXPECT_EQ(newest(), Rec("???: unhandled exception (5)", QS_E_EXCEPTION, 3, 0));
+    qsLogPrintStructuredExceptionMessage("f", 0xC0000005, 2);
+    EXPECT_EQ(newest(), Rec("f: structured exception 0xC0000005 (2)", QS_E_EXCEPTION, 3, 0));
+    qsLogPrintMemoryExceptionMessage("g", 3);
+    EXPECT_EQ(newest(), Rec("g: memory exception (3)", QS_E_EXCEPTION, 3, 0));
+    qsLogPrintQsExceptionMessage("h", qsException(0x80000003, "bad", "arg"), 2);
+    EXPECT_EQ(newest(), Rec("h: bad: arg", 0x80000003, 2, 0));
+    qsLogPrintQsExceptionMessage("h", qsException(0, nullptr, nullptr), 3);
+    EXPECT_EQ(newest(), Rec("h: ???: (null)", QS_E_EXCEPTION, 3, 0));
+}
 
+TEST(qsLogGuard, RunsOnlyOnAValidStreamAndLetsNothingEscape) {
+    auto op = [](FakeStream& s) { return qsStatus(s.state == STREAM_SIG_VALID ? 7 : 8); };
+    FakeStream opening{STREAM_SIG_OPENING}, valid{STREAM_SIG_VALID};
+    EXPECT_EQ(qsLogGuardedCall<FakeStream>(nullptr, "f", op), QS_E_NO_LOG_STREAM);
+    EXPECT_EQ(qsLogGuardedCall(&opening, "f", op), QS_E_NO_LOG_STREAM);
+    EXPECT_EQ(qsLogGuardedCall(&valid, "f", op), 7u);
+    EXPECT_EQ(qsLogGuardedCall(&valid, "f", [](FakeStream&) -> qsStatus { throw 1; }),
+              QS_E_EXCEPTION);
+}
+
+// Absolute values only: the public data path (the base of relative ones) is
+// cached on first use, which the two tests after this one need fresh.
+TEST(qsLogDirectory, AbsoluteValuesTheirErrorsAndQsLogSize) {
+    qsTest::TempDir tmp;
+    unsetenv("QS_LOG_DIR");
+    unsetenv("HOME");
+    EXPECT_EQ(Reopen(), QS_E_NOT_FOUND);
+
+    setenv("QS_LOG_DIR", (tmp / "a/b/c//").c_str(), 1);
+    EXPECT_EQ(LogDirectory(), tmp / "a/b/c");
+    EXPECT_EQ(Reopen(), QS_OK);
+    EXPECT_EQ(StreamKB(tmp / "a/b/c", "Events.log"), 4096);
+    setenv("QS_LOG_SIZE", "0x800", 1);
+    EXPECT_EQ(Reopen(), QS_OK);
+    for (const char* file : {"Default.log", "Events.log", "PerfCtrs.log"})
+        EXPECT_EQ(StreamKB(tmp / "a/b/c", file), 2048) << file;
+    setenv("QS_LOG_SIZE", "0", 1);
+    EXPECT_EQ(Reopen(), QS_OK);
+    EXPECT_TRUE(!g_pZLogStreamDefault && !g_pZLogStreamEvents);
+    unsetenv("QS_LOG_SIZE");
+
+    qsTest::WriteFileText(tmp / "file", "not a directory");
+    setenv("QS_LOG_DIR", (tmp / "file").c_str(), 1);
+    EXPECT_EQ(Reopen(), QS_E_NO_LOG_STREAM);
+    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
+    setenv("QS_LOG_DIR", "", 1);
+    EXPECT_EQ(Reopen(), QS_E_EMPTY_NAME);
+    // Longer than 260: "Logs" is used under a base that is the same long value.
+    setenv("QS_LOG_DIR", ("/" + std::string(300, 'x')).c_str(), 1);
+    EXPECT_EQ(Reopen(), QS_E_BUFFER_TOO_SMALL);
+}
+
+// With no stream every message call fails; the exception reporters still
+// answer their codes.
+TEST(qsLogDirectory, RelativeQsLogDirOpensNothing) {
+    qsTest::TempDir tmp;
+    ASSERT_EQ(chdir(tmp.Path().c_str()), 0);
+    setenv("QS_LOG_DIR", "rel", 1);
+    EXPECT_EQ(Reopen(), QS_E_NO_LOG_STREAM);
+    EXPECT_FALSE(is_directory("rel"));
+    for (qsStatus s :
+         {qsLogPrintfA(0, 1, "x"), qsLogPrintfW(0, 1, "x"), qsLogPrintfEx(0, 1, 2, "x"),
+          qsLogPrintStringA("x", 0, 1, 0), qsLogPrintStringW("x", 0, 1, 0),
+          qsLogBigMsgPrintfA(0, 1, "x"), qsLogPrintModuleMessage(nullptr, nullptr)})
+        EXPECT_EQ(s, QS_E_NO_LOG_STREAM);
     EXPECT_EQ(qsLogPrintUnhandledExceptionMessage("w", 1), QS_E_EXCEPTION);
     EXPECT_EQ(qsLogPrintStructuredExceptionMessage("w", 0xC0000005, 1), QS_E_EXCEPTION);
     EXPECT_EQ(qsLogPrintMemoryExceptionMessage(nullptr, 1), QS_E_EXCEPTION);
@@ -95,250 +162,58 @@ TEST(qsLogMessages, EveryCallFailsWithoutAStreamAndReportersStillAnswerTheirCode
     EXPECT_EQ(qsLogPrintQsExceptionMessage("w", qsException(0x80000003, "t"), 3), 0x80000003u);
 }
 
-TEST(qsLogMessages, SeverityZeroFollowsTheInfoSwitch) {
-    ASSERT_NE(g_pZLogStreamDefault, nullptr);
-    qsLogInfoMessages(false);
-    EXPECT_EQ(qsLogPrintfA(0, 0, "dropped"), QS_W_MSG_SUPPRESSED);
-    EXPECT_EQ(qsLogPrintfA(0, 1, "kept"), QS_OK);
-    qsLogInfoMessages(true);
-    EXPECT_EQ(qsLogPrintfA(7, 0, "detail %d", 42), QS_OK);
-
-    auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-    ASSERT_GE(records.size(), 2u);
-    EXPECT_EQ(records[records.size() - 2].Text(), "kept");
-    EXPECT_EQ(records.back().Text(), "detail 42");
-    EXPECT_EQ(records.back().Code(), 7);
-    EXPECT_EQ(records.back().Severity(), 0);
-}
-
-TEST(qsLogMessages, ModuleMessagesAndExceptionReportsAreRecordedAsWritten) {
-    ASSERT_NE(g_pZLogStreamDefault, nullptr);
-
-    EXPECT_EQ(qsLogPrintModuleMessage(nullptr, nullptr), QS_OK);
-    auto r = Newest();
-    EXPECT_EQ(r.Text(), "App Info");
-    EXPECT_EQ(uint32_t(r.Code()), QS_I_MODULE_MESSAGE);
-    EXPECT_EQ(r.Severity(), 1);
-    EXPECT_EQ(r.info.GetFlags(), 2u);
-
-    qsLogPrintUnhandledExceptionMessage(nullptr, 5);
-    r = Newest();
-    EXPECT_EQ(r.Text(), "???: unhandled exception (5)");
-    EXPECT_EQ(uint32_t(r.Code()), QS_E_EXCEPTION);
-    EXPECT_EQ(r.Severity(), 3);
-
-    qsLogPrintStructuredExceptionMessage("f", 0xC0000005, 2);
-    EXPECT_EQ(Newest().Text(), "f: structured exception 0xC0000005 (2)");
-    qsLogPrintMemoryExceptionMessage("g", 3);
-    EXPECT_EQ(Newest().Text(), "g: memory exception (3)");
-
-    EXPECT_EQ(qsLogPrintQsExceptionMessage("h", qsException(0x80000003, "bad", "arg"), 2),
-              0x80000003u);
-    r = Newest();
-    EXPECT_EQ(r.Text(), "h: bad: arg");
-    EXPECT_EQ(uint32_t(r.Code()), 0x80000003u);
-    EXPECT_EQ(r.Severity(), 2);
-    qsLogPrintQsExceptionMessage("h", qsException(0, nullptr, nullptr), 3);
-    EXPECT_EQ(Newest().Text(), "h: ???: (null)");
-}
-
-TEST(qsLogGuard, RunsOnlyOnAValidStreamAndLetsNothingEscape) {
-    bool ran = false;
-    auto op = [&](FakeStream&) {
-        ran = true;
-        return qsStatus(7);
-    };
-    EXPECT_EQ(qsLogGuardedCall<FakeStream>(nullptr, "f", op), QS_E_NO_LOG_STREAM);
-    FakeStream invalid{STREAM_SIG_OPENING};
-    EXPECT_EQ(qsLogGuardedCall(&invalid, "f", op), QS_E_NO_LOG_STREAM);
-    EXPECT_FALSE(ran);
-
-    FakeStream valid{STREAM_SIG_VALID};
-    EXPECT_EQ(qsLogGuardedCall(&valid, "f", op), 7u);
-    EXPECT_TRUE(ran);
-    EXPECT_EQ(qsLogGuardedCall(&valid, "qsLogPrintfA",
-                               [](FakeStream&) -> qsStatus { throw std::runtime_error("x"); }),
-              QS_E_EXCEPTION);
-    EXPECT_EQ(qsLogGuardedCall(&valid, "qsLogPrintfA", [](FakeStream&) -> qsStatus { throw 1; }),
-              QS_E_EXCEPTION);
-}
-
-TEST(qsLogDirectory, RelativeQsLogDirOpensNothing) {
-    setenv("QS_LOG_DIR", "rel", 1);
-    EXPECT_EQ(Reopen(), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(qsLogPrintfA(0, 1, "lost"), QS_E_NO_LOG_STREAM);
-    EXPECT_FALSE(IsDirectory("rel"));
-}
-
-TEST(qsLogDirectory, HomeLogsIsCreatedWithItsParents) {
+// Without QS_LOG_DIR the streams go to HOME/Logs, whose parents are made too;
+// HOME is then the public data path for the life of the process.
+TEST(qsLogDirectory, HomeLogsIsCreatedWithItsParentsAndHomeIsCached) {
     qsTest::TempDir tmp;
+    const std::string home = tmp / "home/u";
     unsetenv("QS_LOG_DIR");
-    SetEnv("HOME", tmp / "home/u");
+    setenv("HOME", home.c_str(), 1);
     qsLogInfoMessages(false);
     EXPECT_EQ(Reopen(), QS_OK);
-    EXPECT_TRUE(IsDirectory(tmp / "home/u/Logs"));
     EXPECT_TRUE(g_LogInfoMessages);
-    EXPECT_EQ(FileSize(StreamPath(tmp / "home/u/Logs", "Default.log")), 4096 * 1024);
-    qsLogging::StopLogging();
-}
-
-TEST(qsLogDirectory, AbsoluteQsLogDirIsUsedAsIsWithoutTrailingSeparators) {
-    qsTest::TempDir tmp;
-    SetEnv("QS_LOG_DIR", tmp / "a/b/c//");
-    EXPECT_EQ(Reopen(), QS_OK);
-    EXPECT_EQ(FileSize(StreamPath(tmp / "a/b/c", "Events.log")), 4096 * 1024);
-    qsLogging::StopLogging();
-}
-
-TEST(qsLogDirectory, AFileInTheWayOpensNothing) {
-    qsTest::TempDir tmp;
-    qsTest::WriteFileText(tmp / "logs", "not a directory");
-    SetEnv("QS_LOG_DIR", tmp / "logs");
-    EXPECT_EQ(Reopen(), QS_E_NO_LOG_STREAM);
-    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(g_pZLogStreamEvents, nullptr);
-}
-
-TEST(qsLogDirectory, EnvironmentErrors) {
-    // Neither variable: the relative default "Logs" has no base.  Not cached,
-    // so setting one afterwards works.
-    unsetenv("QS_LOG_DIR");
-    unsetenv("HOME");
-    EXPECT_EQ(Reopen(), QS_E_NOT_FOUND);
-
-    setenv("QS_LOG_DIR", "", 1);
-    EXPECT_EQ(Reopen(), QS_E_EMPTY_NAME);
-
-    // Longer than 260: "Logs" is used under a base that is the same long value.
-    SetEnv("QS_LOG_DIR", "/" + std::string(300, 'x'));
-    EXPECT_EQ(Reopen(), QS_E_BUFFER_TOO_SMALL);
-    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
-}
-
-TEST(qsLogDirectory, QsLogSizeAppliesToAllThreeStreams) {
-    qsTest::TempDir tmp;
-    SetEnv("QS_LOG_DIR", tmp.Path());
-    setenv("QS_LOG_SIZE", "0x800", 1);
-    EXPECT_EQ(Reopen(), QS_OK);
-    for (const char* file : {"Default.log", "Events.log", "PerfCtrs.log"})
-        EXPECT_EQ(FileSize(StreamPath(tmp.Path(), file)), 2048 * 1024) << file;
-
-    setenv("QS_LOG_SIZE", "0", 1);
-    EXPECT_EQ(Reopen(), QS_OK);
-    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(g_pZLogStreamEvents, nullptr);
-    EXPECT_EQ(g_pZLogStreamPerfCtrs, nullptr);
-}
-
-TEST(qsLogStartStop, StartLoggingKeepsOpenStreamsUnlessRestarted) {
-    ZLogStream* before = g_pZLogStreamDefault;
-    ASSERT_NE(before, nullptr);
-    EXPECT_EQ(qsLogging::StartLogging(false, nullptr, 1024, 1024, 0), QS_OK);
-    EXPECT_EQ(g_pZLogStreamDefault, before);
-    EXPECT_EQ(g_ZLogStreamDefaultSize, 1024u);
-
-    qsTest::TempDir tmp;
-    SetEnv("QS_LOG_DIR", tmp.Path());
-    EXPECT_EQ(qsLogging::StartLogging(true, nullptr, 1024, 0, 0), QS_OK);
-    EXPECT_EQ(g_hInstance, reinterpret_cast<HANDLE>(intptr_t(getpid())));
-    ASSERT_NE(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(g_pZLogStreamEvents, nullptr);
-    EXPECT_EQ(FileSize(StreamPath(tmp.Path(), "Default.log")), 1024 * 1024);
-
-    EXPECT_EQ(qsLogging::StopLogging(), QS_OK);
-    EXPECT_FALSE(g_LoggingInitialized);
-    EXPECT_EQ(g_pZLogStreamDefault, nullptr);
-    EXPECT_EQ(qsLogInitDll(reinterpret_cast<HANDLE>(42)), QS_OK);
-    EXPECT_EQ(g_hInstance, reinterpret_cast<HANDLE>(42));
-    EXPECT_TRUE(g_LoggingInitialized);
-    qsLogging::StopLogging();
-}
-
-TEST(qsLogPublicDataPath, CachesTheFirstSuccessfulLookup) {
-    char buffer[64];
-    DWORD length = sizeof buffer;
-    setenv("QS_LOG_DIR", "/first", 1);
-    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_OK);
-    EXPECT_STREQ(buffer, "/first");
-    EXPECT_EQ(length, 6u);
+    EXPECT_EQ(StreamKB(home + "/Logs", "Default.log"), 4096);
+    EXPECT_EQ(LogDirectory(), home + "/Logs");
 
     setenv("QS_LOG_DIR", "/second", 1);
-    length = sizeof buffer;
-    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_OK);
-    EXPECT_STREQ(buffer, "/first");
-
-    length = 6; // no room for the terminator
-    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_E_BUFFER_TOO_SMALL);
-    length = 7;
-    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_OK);
-}
-
-TEST(qsLogPublicDataPath, FallsBackToHome) {
-    unsetenv("QS_LOG_DIR");
-    setenv("HOME", "/home/u", 1);
-    char buffer[64];
-    DWORD length = sizeof buffer;
-    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_OK);
-    EXPECT_STREQ(buffer, "/home/u");
-}
-
-TEST(qsLogPaths, IsRelativePath) {
-    EXPECT_TRUE(qsLogIsRelativePath(nullptr));
-    EXPECT_TRUE(qsLogIsRelativePath(""));
-    EXPECT_TRUE(qsLogIsRelativePath("Logs"));
-    EXPECT_TRUE(qsLogIsRelativePath("\\server\\x"));
-    EXPECT_TRUE(qsLogIsRelativePath("C:/x"));
-    EXPECT_FALSE(qsLogIsRelativePath("C:\\x"));
-    EXPECT_FALSE(qsLogIsRelativePath("/var/log"));
-}
-
-TEST(qsLogPaths, CreateDirectoryTree) {
-    qsTest::TempDir tmp;
-    EXPECT_EQ(qsLogCreateDirectoryTree(nullptr, nullptr), QS_E_INVALIDARG);
-    EXPECT_EQ(qsLogCreateDirectoryTree(("/" + std::string(260, 'x')).c_str(), nullptr),
-              QS_E_INVALIDARG);
-    EXPECT_EQ(qsLogCreateDirectoryTree("", nullptr), QS_OK);
-
-    EXPECT_EQ(qsLogCreateDirectoryTree((tmp / "a/b/c/").c_str(), nullptr), QS_OK);
-    EXPECT_TRUE(IsDirectory(tmp / "a/b/c"));
-    EXPECT_EQ(qsLogCreateDirectoryTree((tmp / "a/b").c_str(), nullptr), QS_OK);
-
-    qsTest::WriteFileText(tmp / "file", "x");
-    EXPECT_EQ(qsLogCreateDirectoryTree((tmp / "file").c_str(), nullptr), QS_E_INVALIDARG);
-    // stat fails with "not a directory", which is neither "file" nor "path missing".
-    EXPECT_EQ(qsLogCreateDirectoryTree((tmp / "file/sub").c_str(), nullptr),
-              QS_E_FILE_ATTRIBUTES);
-    EXPECT_EQ(qsLogCreateDirectoryTree("/proc/qs-no-such-dir/x", nullptr), QS_E_DIR_CREATE);
-}
-
-TEST(qsLogSwitches, FirstLevelStaysAndQueriesAnswerZero) {
-    qsLogSetSwitchLevel("net", 1);
-    qsLogSetSwitchLevel("net", 5);
-    ASSERT_EQ(g_traceSwitchMap.count("net"), 1u);
-    EXPECT_EQ(g_traceSwitchMap["net"], 1u);
-    EXPECT_EQ(qsLogGetSwitchLevel("net"), 0u);
-    qsLogSetSwitchLevelsUsingRegistry("key", "path");
-    EXPECT_EQ(g_traceSwitchMap.size(), 1u);
-}
-
-TEST(qsLogPaths, LogDirectoryAndStreamFileNamesAreThoseTheLibraryOpens) {
     char buffer[600];
     DWORD length = sizeof buffer;
-    setenv("QS_LOG_DIR", "/var/log/x///", 1);
-    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_OK);
-    EXPECT_STREQ(buffer, "/var/log/x");
-    EXPECT_EQ(length, 10u);
+    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_OK);
+    EXPECT_EQ(std::make_pair(std::string(buffer), length),
+              std::make_pair(home, DWORD(home.size())));
+    length = DWORD(home.size()); // no room for the terminator
+    EXPECT_EQ(qsLogGetPublicDataPath(buffer, length), QS_E_BUFFER_TOO_SMALL);
+    qsLogging::StopLogging();
+}
 
-    unsetenv("QS_LOG_DIR");
-    setenv("HOME", "/home/u/", 1);
-    length = sizeof buffer;
-    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_OK);
-    EXPECT_STREQ(buffer, "/home/u/Logs");
-    length = 5;
-    EXPECT_EQ(qsLogGetLogDirectory(buffer, length), QS_E_BUFFER_TOO_SMALL);
+TEST(qsLogPaths, RelativePathsDirectoryTreesSwitchesAndStreamNames) {
+    for (const char* path : {(const char*)nullptr, "", "Logs", "\\server\\x", "C:/x"})
+        EXPECT_TRUE(qsLogIsRelativePath(path)) << (path ? path : "null");
+    EXPECT_FALSE(qsLogIsRelativePath("C:\\x") || qsLogIsRelativePath("/var/log"));
 
-    length = sizeof buffer;
+    qsTest::TempDir tmp;
+    qsTest::WriteFileText(tmp / "file", "x");
+    const std::string base = tmp.Path() + "/", tooLong = "/" + std::string(260, 'x');
+    // "file/sub": "not a directory" is neither "file" nor "path missing".
+    const std::pair<std::string, qsStatus> trees[] = {{tooLong, QS_E_INVALIDARG},
+                                                      {"", QS_OK},
+                                                      {base + "a/b/c/", QS_OK},
+                                                      {base + "a/b", QS_OK},
+                                                      {base + "file", QS_E_INVALIDARG},
+                                                      {base + "file/sub", QS_E_FILE_ATTRIBUTES},
+                                                      {"/proc/qs-no-such-dir/x", QS_E_DIR_CREATE}};
+    EXPECT_EQ(qsLogCreateDirectoryTree(nullptr, nullptr), QS_E_INVALIDARG);
+    for (const auto& [path, status] : trees)
+        EXPECT_EQ(qsLogCreateDirectoryTree(path.c_str(), nullptr), status) << path;
+    EXPECT_TRUE(is_directory(base + "a/b/c"));
+
+    qsLogSetSwitchLevel("net", 1);
+    qsLogSetSwitchLevel("net", 5);
+    EXPECT_EQ(g_traceSwitchMap, (std::map<std::string, uint32_t>{{"net", 1}}));
+    EXPECT_EQ(qsLogGetSwitchLevel("net"), 0u);
+
+    char buffer[600];
+    DWORD length = sizeof buffer;
     EXPECT_EQ(qsLogGetStreamFileName(1, buffer, length), QS_OK);
     EXPECT_EQ(std::string(buffer), ComputerName() + "_Events.log");
     EXPECT_EQ(qsLogGetStreamFileName(3, buffer, length), QS_E_INVALIDARG);
