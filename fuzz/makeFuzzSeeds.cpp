@@ -26,6 +26,12 @@ std::vector<uint8_t> ReadAll(const fs::path& p) {
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
+std::string SeedName(char prefix, int i) {
+    std::string name(1, prefix);
+    name += std::to_string(i);
+    return name;
+}
+
 void WriteAll(const fs::path& p, const void* data, size_t size) {
     std::ofstream(p, std::ios::binary).write(static_cast<const char*>(data), std::streamsize(size));
 }
@@ -145,13 +151,13 @@ int main(int argc, char** argv) {
                              "FFFFFFFF"};
     int i = 0;
     for (const char* n : numbers)
-        WriteAll(out / "number" / ("n" + std::to_string(i++)), n, strlen(n + 1) + 1);
+        WriteAll(out / "number" / SeedName('n', i++), n, strlen(n + 1) + 1);
     const std::string tokens[] = {std::string("\x01,a,,b,"), std::string("\x02 \tfoo bar\tbaz"),
                                   std::string("\x01,,,,"), std::string("\x00plain", 6),
                                   std::string("\x03;:/a;b:c/d")};
     i = 0;
     for (const std::string& t : tokens)
-        WriteAll(out / "tokenize" / ("t" + std::to_string(i++)), t.data(), t.size());
+        WriteAll(out / "tokenize" / SeedName('t', i++), t.data(), t.size());
     fs::remove_all(work);
     return 0;
 }

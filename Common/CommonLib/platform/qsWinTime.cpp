@@ -87,8 +87,11 @@ void GetSystemTimeAsFileTime(FILETIME* ft) {
 void GetLocalTime(SYSTEMTIME* st) {
     if (!st)
         return;
-    FILETIME now, local;
+    FILETIME now;
     GetSystemTimeAsFileTime(&now);
+    // The local offset is zero on this C library anyway: should it not be
+    // readable, the time is rendered unshifted rather than from garbage.
+    FILETIME local = now;
     FileTimeToLocalFileTime(&now, &local);
     FileTimeToSystemTime(&local, st);
 }
