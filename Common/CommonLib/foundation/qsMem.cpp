@@ -27,54 +27,55 @@ qsStatus Invalid(const char* who, DWORD size, const void* callerSlot, const char
     return QS_E_INVALIDARG;
 }
 
+// The texts of one operation that hands back a block.
+struct BlockTexts {
+    const char* who;
+    const char* failedFor;  // with the caller's file and line
+    const char* failed;
+    const char* tracedFor;
+};
+
+constexpr BlockTexts kAllocTexts{"qsMem::Alloc", "%hs: error allocating %d bytes for '%hs:%d'",
+                                 "%hs: error allocating %d bytes",
+                                 "%hs: allocated %d bytes at 0x%p for '%hs:%d'"};
+constexpr BlockTexts kReallocTexts{"qsMem::Realloc",
+                                   "%hs: error re-allocating %d bytes for '%hs:%d'",
+                                   "%hs: error re-allocating %d bytes",
+                                   "%hs: re-allocated %d bytes at 0x%p for '%hs:%d'"};
+
+// Hands the block to the caller, or reports that there is none; the
+// caller's pointer is untouched on failure.
+qsStatus Deliver(const BlockTexts& t, void* block, DWORD size, void** slot, const char* file,
+                 int line) {
+    if (!block) {
+        if (file)
+            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall, t.failedFor, t.who,
+                         AsInt(size), file, line);
+        else
+            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall, t.failed, t.who, AsInt(size));
+        return QS_E_OUT_OF_MEMORY;
+    }
+    *slot = block;
+    if (file)
+        qsLogPrintfA(LONG(QS_I_MODULE_MESSAGE), qsLogSevInfo, t.tracedFor, t.who, AsInt(size),
+                     block, file, line);
+    return QS_OK;
+}
+
 } // namespace
 
 qsStatus qsMem::detail::Alloc(DWORD size, void** slot, const void* callerSlot, const char* file,
                               int line) {
-    const char* who = "qsMem::Alloc";
     if (size == 0 || !slot)
-        return Invalid(who, size, callerSlot, file, line);
-    void* p = malloc(size);
-    if (!p) {
-        if (file)
-            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall,
-                         "%hs: error allocating %d bytes for '%hs:%d'", who, AsInt(size), file,
-                         line);
-        else
-            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall,
-                         "%hs: error allocating %d bytes", who, AsInt(size));
-        return QS_E_OUT_OF_MEMORY;
-    }
-    *slot = p;
-    if (file)
-        qsLogPrintfA(LONG(QS_I_MODULE_MESSAGE), qsLogSevInfo,
-                     "%hs: allocated %d bytes at 0x%p for '%hs:%d'", who, AsInt(size), p, file,
-                     line);
-    return QS_OK;
+        return Invalid(kAllocTexts.who, size, callerSlot, file, line);
+    return Deliver(kAllocTexts, malloc(size), size, slot, file, line);
 }
 
 qsStatus qsMem::detail::Realloc(DWORD size, void** slot, const void* callerSlot, const char* file,
                                 int line) {
-    const char* who = "qsMem::Realloc";
     if (size == 0 || !slot || !*slot)
-        return Invalid(who, size, callerSlot, file, line);
-    void* p = realloc(*slot, size);
-    if (!p) {
-        if (file)
-            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall,
-                         "%hs: error re-allocating %d bytes for '%hs:%d'", who, AsInt(size), file,
-                         line);
-        else
-            qsLogPrintfA(LONG(QS_E_OUT_OF_MEMORY), qsLogSevSysCall,
-                         "%hs: error re-allocating %d bytes", who, AsInt(size));
-        return QS_E_OUT_OF_MEMORY;
-    }
-    *slot = p;
-    if (file)
-        qsLogPrintfA(LONG(QS_I_MODULE_MESSAGE), qsLogSevInfo,
-                     "%hs: re-allocated %d bytes at 0x%p for '%hs:%d'", who, AsInt(size), p, file,
-                     line);
-    return QS_OK;
+        return Invalid(kReallocTexts.who, size, callerSlot, file, line);
+    return Deliver(kReallocTexts, realloc(*slot, size), size, slot, file, line);
 }
 
 qsStatus qsMem::Free(void* p, const char* file, int line) {
