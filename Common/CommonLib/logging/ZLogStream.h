@@ -168,9 +168,11 @@ private:
     mutable ZFile m_File;
     ZLogFile* m_pImage;
     DWORD m_ImageBytes;             // bytes mapped or copied at m_pImage
-    DWORD m_RecsSinceFlush;
+    // Written by every append: on a cache line of its own, so that writers in
+    // other threads do not lose the read-mostly fields around it each time.
+    alignas(64) DWORD m_RecsSinceFlush;
     DWORD m_FlushInterval;
-    mutable ZMutex m_Mutex;         // named after the file; private in the snapshot form
+    alignas(64) mutable ZMutex m_Mutex; // named after the file; private in the snapshot form
     bool m_bMapped;
     qsStatus m_OpenStatus;
 };
