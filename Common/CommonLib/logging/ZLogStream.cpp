@@ -513,22 +513,24 @@ static DWORD FormatNarrow(char* text, DWORD cap, const char* format, va_list arg
     return CappedLength(n, cap);
 }
 
-qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
-                             va_list args) {
+template <DWORD Cap>
+qsStatus ZLogStream::PrintNarrow(LONG code, qsLogSev severity, DWORD flags, const char* format,
+                                 va_list args) {
     if (qsStatus refused = PrintRefusal(severity))
         return refused;
-    char text[LOG_MSG_MAX_TEXT + 1];
-    DWORD length = FormatNarrow(text, LOG_MSG_MAX_TEXT, format, args);
+    char text[Cap + 1];
+    DWORD length = FormatNarrow(text, Cap, format, args);
     return AppendMessage(code, severity, flags, LOGREC_STRING_A, text, length);
+}
+
+qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
+                             va_list args) {
+    return PrintNarrow<LOG_MSG_MAX_TEXT>(code, severity, flags, format, args);
 }
 
 qsStatus ZLogStream::vBigMsgPrintf(LONG code, qsLogSev severity, DWORD flags, const char* format,
                                    va_list args) {
-    if (qsStatus refused = PrintRefusal(severity))
-        return refused;
-    char text[LOG_BIG_MSG_MAX_TEXT + 1];
-    DWORD length = FormatNarrow(text, LOG_BIG_MSG_MAX_TEXT, format, args);
-    return AppendMessage(code, severity, flags, LOGREC_STRING_A, text, length);
+    return PrintNarrow<LOG_BIG_MSG_MAX_TEXT>(code, severity, flags, format, args);
 }
 
 qsStatus ZLogStream::vPrintf(LONG code, qsLogSev severity, DWORD flags, const wchar_t* format,

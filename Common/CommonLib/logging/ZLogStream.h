@@ -154,6 +154,9 @@ private:
     qsStatus AppendMessage(LONG code, qsLogSev severity, DWORD flags, qsLogRecType type,
                            const void* text, DWORD textBytes);
     qsStatus PrintRefusal(qsLogSev severity) const;
+    template <DWORD Cap>
+    qsStatus PrintNarrow(LONG code, qsLogSev severity, DWORD flags, const char* format,
+                         va_list args);
     bool ImageIntact() const;
     template <typename Find> iterator_base CursorAt(Find find) const;
     qsStatus LockLogfile(DWORD timeoutMs, DWORD attempts) const;
