@@ -36,8 +36,11 @@ echo "Installing: ${missing[*]}"
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 # A mirror caught mid-sync fails some indexes; what was fetched still serves.
-$SUDO apt-get update -qq >"$log" 2>&1 || $SUDO apt-get update -qq >"$log" 2>&1 || true
-if ! $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
+# Another apt run (a parallel build, the NFS test server's set-up) may hold the
+# lock: wait for it rather than fail.
+lock=(-o DPkg::Lock::Timeout=600)
+$SUDO apt-get "${lock[@]}" update -qq >"$log" 2>&1 || $SUDO apt-get "${lock[@]}" update -qq >"$log" 2>&1 || true
+if ! $SUDO apt-get "${lock[@]}" install -y -q --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
     { grep ': Depends:' "$log" | head -1 | sed 's/^ *//' || true; grep '^E:' "$log" | tail -1 || true; } >&2
     exit 1
 fi
