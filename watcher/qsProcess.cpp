@@ -1,6 +1,7 @@
 #include "qsProcess.h"
 
 #include "qsLog.h"
+#include "qsWatcher.h"
 
 #include <cerrno>
 #include <csignal>
@@ -42,6 +43,16 @@ bool process::start() {
     // empty list: execv fails with EFAULT and the child exits 1.
     char* path = m_argv ? m_argv[0] : nullptr;
     qsLogPrintfA(0, 1, "starting process: %s. with PID %x", path, getpid());
+    // The one piece of the watcher's state touched here besides the mask.  A
+    // signal the watcher forwards right after the fork (one that arrived
+    // during the restart delay is acted on at once) may find this child still
+    // blocking it and still holding the watcher's handler: unblocked, it would
+    // run that handler here and be swallowed, and the target would never see
+    // it.  With the default actions back first, it takes its normal effect on
+    // this child instead.  The target loses nothing: execv resets caught
+    // signals to their defaults anyway.
+    for (int sig : qsWatcher::kSignals)
+        ::signal(sig, SIG_DFL);
     // The watcher keeps its own signals blocked; the target must not inherit
     // that, or it could never be interrupted, hung up or terminated.
     sigset_t none;

@@ -3,6 +3,9 @@
 // cases, whose 15-second grace is fixed.
 #include "watcherTestSupport.h"
 
+#include <optional>
+#include <sched.h>
+
 using namespace qsWatcherTest;
 namespace fs = std::filesystem;
 
@@ -158,4 +161,58 @@ TEST_F(Watcher, TerminationKillsStubbornTarget) {
     EXPECT_GE(m_EndMs - termMs, 14900);
     EXPECT_FALSE(Running(target));
     EXPECT_EQ(Sigs{SIGTERM}, Runs()[0].sigs);
+}
+
+// A signal that reaches the watcher during the restart delay is acted on
+// just after the next fork, perhaps before the new child has executed the
+// target.  It must take its normal effect there: the child dies of it, or
+// the target receives it; no child may run the watcher's own handler and
+// swallow it.  The watcher is kept on one CPU, where it forwards the signal
+// before its new child has run at all: the moment this is about.
+TEST_F(Watcher, SignalDuringRestartDelayReachesTheNewChild) {
+    cpu_set_t mine, one;
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof mine, &mine));
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
+        if (CPU_ISSET(cpu, &mine)) {
+            CPU_SET(cpu, &one);
+            break;
+        }
+    }
+    std::vector<pid_t> watchers;
+    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        const std::string record = "record" + std::to_string(sig);
+        pid_t w = Watch({"-f", "-d", "2"}, Probe({"exit=1", ""}, record.c_str()));
+        watchers.push_back(w);
+        ASSERT_EQ(0, sched_setaffinity(w, sizeof one, &one));
+        // The rest of the first line of the log that starts with `prefix`.
+        auto logged = [&](const std::string& prefix) -> std::optional<std::string> {
+            for (const std::string& l : WatcherLines()) {
+                if (l.compare(0, prefix.size(), prefix) == 0)
+                    return l.substr(prefix.size());
+            }
+            return std::nullopt;
+        };
+        ASSERT_TRUE(WaitUntil([&] { return logged(Line(w, 0, "sleeping for 2")).has_value(); }));
+        kill(w, sig);
+        const std::string sent =
+            Line(w, 1, "process::signal(): sending signal " + std::to_string(sig) + " to process ");
+        ASSERT_TRUE(WaitUntil([&] { return logged(sent).has_value(); })) << sig;
+        const pid_t child = pid_t(strtol(logged(sent)->c_str(), nullptr, 16));
+        // Well inside the 15-second grace after a TERM.
+        EXPECT_TRUE(WaitUntil([&] { return !Running(child); })) << sig;
+        for (const ProbeRun& r : Runs(record.c_str())) {
+            if (r.pid == child) {
+                EXPECT_EQ(Sigs{sig}, r.sigs);
+            }
+        }
+        kill(w, SIGKILL);
+        EXPECT_EQ(w, waitpid(w, nullptr, 0));
+    }
+    for (const std::string& l : WatcherLines()) {
+        if (l.find(" Received ") == std::string::npos)
+            continue;
+        pid_t by = pid_t(atoi(l.c_str()));
+        EXPECT_NE(std::find(watchers.begin(), watchers.end(), by), watchers.end()) << l;
+    }
 }
