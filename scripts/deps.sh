@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
 # Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs)
-# Packages named NAME:i386 bring in the i386 architecture first.  Exits
-# non-zero, with apt's last words on stderr, when something cannot be had.
+# Packages named NAME:i386 bring in the i386 architecture first.  Installs
+# what can be had; exits non-zero, with apt's last words on stderr (per
+# package when there were several), when something cannot be had.
 set -euo pipefail
 
 declare -A GROUP=(
@@ -39,8 +40,23 @@ trap 'rm -f "$log"' EXIT
 # Another apt run (a parallel build, the NFS test server's set-up) may hold the
 # lock: wait for it rather than fail.
 lock=(-o DPkg::Lock::Timeout=600)
-$SUDO apt-get "${lock[@]}" update -qq >"$log" 2>&1 || $SUDO apt-get "${lock[@]}" update -qq >"$log" 2>&1 || true
-if ! $SUDO apt-get "${lock[@]}" install -y -q --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
-    { grep ': Depends:' "$log" | head -1 | sed 's/^ *//' || true; grep '^E:' "$log" | tail -1 || true; } >&2
+$SUDO apt-get "${lock[@]}" update -qq >/dev/null 2>&1 || $SUDO apt-get "${lock[@]}" update -qq >/dev/null 2>&1 || true
+apt_install() { $SUDO apt-get "${lock[@]}" install -y -q --no-install-recommends "$@" >"$log" 2>&1; }
+why() {
+    { grep ': Depends:' "$log" | head -1 | sed 's/^ *//' || true; grep '^E:' "$log" | tail -1 || true; } |
+        paste -sd ' '
+}
+apt_install "${missing[@]}" && exit 0
+if [[ ${#missing[@]} -eq 1 ]]; then
+    echo "${missing[0]}: $(why)" >&2
     exit 1
 fi
+# apt installs all or nothing: one package the mirror cannot provide must not
+# keep the others out.  Each alone, then, naming those that failed.
+status=0
+for p in "${missing[@]}"; do
+    apt_install "$p" && continue
+    echo "$p: $(why)" >&2
+    status=1
+done
+exit $status
