@@ -94,9 +94,13 @@ TEST(QslogDamage, DamagedFilesPrintWhatIsIntact) {
     r = RunQslog({"-o", "json", bad});
     EXPECT_TRUE(Has(r.out, R"("lost":1,"first_id":20,"last_id":20,"reason":"unreadable"})"))
         << r.out;
+    // --stat, too, names each problem once, on standard error only.
     r = RunQslog({"--stat", bad});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(Has(r.out, "record chain:  broken, 1 records unreadable")) << r.out;
+    EXPECT_FALSE(Has(r.out, "cannot be read")) << r.out;
+    EXPECT_EQ(Lines(r.err), Lines(RunQslog({bad}).err));
+    EXPECT_EQ(Lines(r.err).size(), 1u) << r.err;
 
     // Signature and version, newest-record offset, size field.
     const std::pair<std::vector<std::pair<size_t, uint32_t>>, const char*> headers[] = {

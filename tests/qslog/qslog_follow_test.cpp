@@ -137,3 +137,33 @@ TEST(QslogFollow, FollowsTheRealWatcher) {
                             std::sregex_iterator()),
               3);
 }
+
+// As tail -F does, -f waits for a log that does not exist yet, its directory
+// included (without creating either), then prints it from its first record
+// and follows it.  The same for the default stream of a log directory not
+// made yet.
+TEST(QslogFollow, WaitsForALogThatDoesNotExistYet) {
+    TempDir dir("later");
+    char name[512];
+    DWORD length = sizeof name;
+    ASSERT_EQ(qsLogGetStreamFileName(0, name, length), QS_OK);
+    const std::tuple<std::vector<std::string>, EnvChanges, std::string, std::string> runs[] = {
+        {{"-f", dir / "a/w.log"}, {}, dir / "a", "w.log"},
+        {{"-f"}, {{"QS_LOG_DIR", dir / "b"}}, dir / "b", name},
+    };
+    for (const auto& [args, env, logDir, file] : runs) {
+        QslogProcess q(args, env);
+        ASSERT_TRUE(Until([&] { return Has(q.Err(), "waiting for it to appear"); })) << q.Err();
+        std::this_thread::sleep_for(300ms);
+        EXPECT_FALSE(std::filesystem::exists(logDir));
+        auto log = OpenLog(logDir, file, 4);
+        log->PrintString("it is here", 0, 1, 0);
+        ASSERT_TRUE(q.ReadUntilContains("it is here")) << q.Out() << q.Err();
+        log->PrintString("and goes on", 0, 1, 0);
+        ASSERT_TRUE(q.ReadUntilContains("and goes on")) << q.Out();
+        EXPECT_EQ(PrintedIds(q.Out()), (std::vector<DWORD>{1, 2, 3}));
+        EXPECT_TRUE(Has(q.Err(), logDir + "/" + file + ": has appeared; following it")) << q.Err();
+        q.Signal(SIGINT);
+        EXPECT_EQ(q.Wait(5s), 0);
+    }
+}

@@ -44,7 +44,7 @@ TEST(QslogRead, FieldsJsonAndColour) {
     EXPECT_EQ(tails,
               (Words{"-- log started", "info: plain info", "warning 0x2: a warning",
                      "error 0xE0FF010B: an error", "error: wide h\u00e9llo \u2713 \U0001F600",
-                     "normal 0xFFFFFFFB: two\\nlines\\x1b[31m \"q\\\t bad\xff"}));
+                     "normal 0xFFFFFFFB: two\\nlines\\x1b[31m \"q\\\\t bad\\xff"}));
     EXPECT_TRUE(Has(RunQslog({"--color", path}).out, "\033[1;31m"));
     std::string piped; // as in "qslog | less"
     FILE* pipe = popen((QSLOG_PATH " " + path).c_str(), "r");
@@ -62,8 +62,17 @@ TEST(QslogRead, FieldsJsonAndColour) {
         j.push_back(nlohmann::json::parse(r.lines[i]));
         EXPECT_EQ(j[i]["id"], records[i].info.GetRecordId());
         EXPECT_EQ(j[i]["pid"], getpid());
-        EXPECT_EQ(j[i]["filetime"], qsFileTimeToUInt64(records[i].info.GetTimestamp()));
+        const uint64_t filetime = qsFileTimeToUInt64(records[i].info.GetTimestamp());
+        EXPECT_EQ(j[i]["filetime"], filetime);
         EXPECT_EQ(j[i]["file"], path);
+        // The same time as text that no JSON reader rounds: RFC 3339, in
+        // microseconds.
+        std::smatch m;
+        const std::string time = j[i]["time"];
+        ASSERT_TRUE(std::regex_match(
+            time, m, std::regex(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.(\d{6})[+-]\d\d:\d\d$)")))
+            << time;
+        EXPECT_EQ(std::stoul(m[1]), filetime / 10 % 1000000) << time;
     }
     EXPECT_EQ(j[0]["type"], "STRT");
     EXPECT_FALSE(j[0].contains("severity"));
@@ -129,7 +138,7 @@ TEST(QslogRead, FiltersSelectRecords) {
 
 // Without FILE qslog reads this host's default stream in QS_LOG_DIR, else in
 // $HOME/Logs.  It never creates a log or a log directory, whatever it is
-// asked to read.
+// asked to read (-f, which waits for a missing log, is tested with follow).
 TEST(QslogRead, DefaultStreamAndNothingCreated) {
     std::string marker = "default stream marker " + std::to_string(getpid());
     ASSERT_EQ(qsLogPrintfA(0, 1, "%hs", marker.c_str()), QS_OK);
@@ -151,10 +160,79 @@ TEST(QslogRead, DefaultStreamAndNothingCreated) {
     for (const EnvChanges& env : {EnvChanges{{"QS_LOG_DIR", missing}},
                                   {{"QS_LOG_DIR", empty}},
                                   {{"QS_LOG_DIR", std::nullopt}, {"HOME", empty}}}) {
-        for (const Words& args : {Words{}, {"-f"}, {"--stat"}, {"--stream", "events"}})
+        for (const Words& args : {Words{}, {"--stat"}, {"--stream", "events"}})
             EXPECT_EQ(RunQslog(args, env).status, 2);
         EXPECT_EQ(RunQslog({dir / "c.log"}, env).status, 0);
     }
     EXPECT_FALSE(std::filesystem::exists(missing));
     EXPECT_TRUE(std::filesystem::is_empty(empty));
+}
+
+// -n wants a plain count.  An end given as a time copied from the output
+// takes in every record printed with that time, though their FILETIMEs
+// differ below the millisecond.
+TEST(QslogRead, CountsAndTimesAsUsersGiveThem) {
+    TempDir dir("count");
+    std::string path = dir / "c.log";
+    for (const char* bad : {"-1", "abc", "3x", "", "1.5", "+2", " 4"}) {
+        RunResult r = RunQslog({"-n", bad, path});
+        EXPECT_EQ(r.status, 2) << bad;
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), "qslog: -n takes a count of 0 or more, not '" +
+                                            std::string(bad) + "'");
+    }
+
+    auto log = OpenLog(dir.Path(), "c.log", 16, false);
+    FILETIME ft;
+    GetSystemTimeAsFileTime(&ft);
+    const uint64_t second = 10000000, ms = 10000;
+    const uint64_t t = qsFileTimeToUInt64(ft) / second * second + 500 * ms + 1234;
+    WriteMessageAt(*log, t, 100, 1, 0, "a");
+    WriteMessageAt(*log, t + 5000, 100, 1, 0, "b");      // the same millisecond
+    WriteMessageAt(*log, t + ms - 1234, 100, 1, 0, "c"); // the next one
+    WriteMessageAt(*log, t + second, 100, 1, 0, "d");    // the next second
+    const std::string printedMs = RunQslog({path}).lines.at(0).substr(0, 23);
+    const std::pair<Words, Words> rows[] = {
+        {{"--until", printedMs}, {"a", "b"}},
+        {{"--since", printedMs, "--until", printedMs}, {"a", "b"}},
+        {{"--until", printedMs.substr(0, 19)}, {"a", "b", "c"}},
+        {{"--since", printedMs.substr(0, 19) + ".5007"}, {"c", "d"}},
+    };
+    for (auto [args, expected] : rows) {
+        args.push_back(path);
+        Words texts;
+        for (const std::string& l : RunQslog(args).lines)
+            texts.push_back(l.substr(l.rfind(": ") + 2));
+        EXPECT_EQ(texts, expected) << testing::PrintToString(args);
+    }
+}
+
+// "-" reads a log image from standard input, a pipe or a file, with the same
+// output as the file itself; it cannot be followed.
+TEST(QslogRead, StandardInput) {
+    TempDir dir("stdin");
+    auto log = OpenLog(dir.Path(), "s.log", 8);
+    for (int i = 0; i < 50; ++i)
+        log->PrintString(("piped " + std::to_string(i)).c_str(), 0, 1, 0);
+    const std::string path = dir / "s.log", q = QSLOG_PATH;
+    const std::string direct = RunQslog({path}).out;
+    ASSERT_EQ(PrintedIds(direct).size(), 51u);
+    const std::pair<std::string, std::string> runs[] = {
+        {"cat " + path + " | " + q + " -", direct},
+        {q + " - < " + path, direct},
+        {"cat " + path + " | " + q + " -n 1 -o json -", "\"file\":\"(standard input)\""},
+        {"cat " + path + " | " + q + " --stat -", "file:          (standard input)\n"},
+        {"head -c 5000 " + path + " | " + q + " - 2>&1", "(standard input): truncated"},
+    };
+    for (const auto& [command, part] : runs) {
+        std::string out;
+        FILE* pipe = popen(command.c_str(), "r");
+        for (int c; (c = fgetc(pipe)) != EOF;)
+            out += char(c);
+        int status = pclose(pipe);
+        EXPECT_EQ(WEXITSTATUS(status), Has(part, "truncated") ? 1 : 0) << command;
+        EXPECT_TRUE(Has(out, part)) << command << "\n" << out;
+    }
+    RunResult r = RunQslog({"-f", "-"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(Has(r.err, "cannot follow standard input")) << r.err;
 }

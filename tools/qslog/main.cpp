@@ -87,8 +87,11 @@ int main(int argc, char** argv) {
         paths.push_back(path);
     }
 
+    std::vector<std::string> names;
+    for (const std::string& path : paths)
+        names.push_back(LogSource::DisplayName(path));
     Writer out(STDOUT_FILENO);
-    Formatter format(opt.format, UseColor(opt.color), paths, paths.size() > 1);
+    Formatter format(opt.format, UseColor(opt.color), names, paths.size() > 1);
     int status = kExitOk;
     std::vector<std::unique_ptr<LogSource>> sources;
     std::vector<int> sourceFile; // each source's index among the paths
@@ -97,11 +100,19 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < paths.size(); ++i) {
         auto source = std::make_unique<LogSource>(paths[i]);
         std::vector<Entry> entries;
-        bool read = source->Open() && source->Read(int(i), entries);
+        bool opened = source->Open();
+        // As tail -F does: a log that does not exist yet is waited for.
+        if (!opened && opt.follow && source->Missing()) {
+            Report(names[i], "does not exist yet; waiting for it to appear");
+            sources.push_back(std::move(source));
+            sourceFile.push_back(int(i));
+            continue;
+        }
+        bool read = opened && source->Read(int(i), entries);
         for (const std::string& problem : source->Image().Problems())
-            Report(paths[i], problem);
+            Report(names[i], problem);
         if (!source->Error().empty())
-            Report(paths[i], source->Error());
+            Report(names[i], source->Error());
         status = std::max(status, source->Status());
         if (!read)
             continue;

@@ -38,6 +38,11 @@ bool Follower::SameAsLast(const Record& r) const {
 Follower::Poll Follower::Check(std::vector<Entry>& fresh, DWORD& lost) {
     fresh.clear();
     lost = 0;
+    if (m_Source.Fd() < 0) {
+        if (m_Source.Open())
+            return Poll::Appeared;
+        return m_Source.Missing() ? Poll::Quiet : Poll::Failed;
+    }
     struct stat st;
     if (stat(m_Source.Path().c_str(), &st) != 0 || st.st_dev != m_Source.Device() ||
         st.st_ino != m_Source.Inode())
@@ -125,16 +130,28 @@ int FollowLoop(std::vector<Follower>& followers, const Filter& filter, Formatter
     size_t left = followers.size();
     std::vector<Entry> fresh;
     std::string text;
+    int status = kExitOk;
+    auto note = [&](const Follower& f, const std::string& what) {
+        out.Flush();
+        fprintf(stderr, "qslog: %s: %s\n", f.Source().Name().c_str(), what.c_str());
+    };
     while (!stop && left > 0) {
         for (size_t i = 0; i < followers.size() && !stop; ++i) {
             if (!active[i])
                 continue;
             DWORD lost = 0;
             Follower::Poll p = followers[i].Check(fresh, lost);
-            if (p == Follower::Poll::Replaced) {
-                out.Flush();
-                fprintf(stderr, "qslog: %s: removed or replaced, no longer followed\n",
-                        followers[i].Path().c_str());
+            if (p == Follower::Poll::Appeared) {
+                note(followers[i], "has appeared; following it");
+                p = followers[i].Check(fresh, lost);
+            }
+            if (p == Follower::Poll::Replaced || p == Follower::Poll::Failed) {
+                if (p == Follower::Poll::Replaced) {
+                    note(followers[i], "removed or replaced, no longer followed");
+                } else {
+                    note(followers[i], followers[i].Source().Error());
+                    status = std::max(status, followers[i].Source().Status());
+                }
                 active[i] = false;
                 --left;
                 continue;
@@ -146,13 +163,13 @@ int FollowLoop(std::vector<Follower>& followers, const Filter& filter, Formatter
                     format.Put(out, e);
         }
         if (!out.Flush())
-            return stop ? kExitOk : kExitDamaged;
+            return stop ? status : kExitDamaged;
         if (stop || left == 0)
             break;
         struct timespec pause = {0, long(kPollIntervalMs) * 1000 * 1000};
         nanosleep(&pause, nullptr);
     }
-    return kExitOk;
+    return status;
 }
 
 } // namespace qslog

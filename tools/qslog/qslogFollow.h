@@ -10,7 +10,9 @@
 // When record ids start again (the log was cleared, re-initialised or
 // resized), printing resumes after the last record printed if it is still
 // there (found by its time, process, thread and type), else from the oldest.
-// The file being removed or replaced by another one ends the follow.
+// The file being removed or replaced by another one ends the follow.  A file
+// that did not exist when following began is looked for at every poll and,
+// once it appears, followed from its first record.
 #pragma once
 
 #include "qslogFilter.h"
@@ -25,14 +27,18 @@ namespace qslog {
 
 class Follower {
 public:
-    // `source` has been read; `seen` are the records of that read.
+    // `source` has been read, and `seen` are the records of that read; or it
+    // could not be opened because it does not exist yet.
     Follower(LogSource& source, int file, const std::vector<Entry>& seen);
 
-    enum class Poll { Quiet, Fresh, Replaced };
+    enum class Poll { Quiet, Fresh, Replaced, Appeared, Failed };
     // Looks for new records; on Fresh, `fresh` holds them (oldest first) and
     // `lost` the count of records overwritten before they could be read.
+    // While the file does not exist: Quiet, then Appeared once it could be
+    // opened (records come with the next Check), or Failed when it appeared
+    // but cannot be opened (see the source's Error()).
     Poll Check(std::vector<Entry>& fresh, DWORD& lost);
-    const std::string& Path() const { return m_Source.Path(); }
+    const LogSource& Source() const { return m_Source; }
     int File() const { return m_File; }
 
 private:
@@ -53,8 +59,8 @@ private:
 };
 
 // Polls every kPollIntervalMs until `stop` is set (by a signal handler) or
-// every file has been replaced, printing what passes `filter`.  Returns the
-// exit code.
+// every file has been replaced (or has appeared and cannot be read),
+// printing what passes `filter`.  Returns the exit code.
 int FollowLoop(std::vector<Follower>& followers, const Filter& filter, Formatter& format,
                Writer& out, volatile sig_atomic_t& stop);
 

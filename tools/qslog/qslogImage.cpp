@@ -10,6 +10,7 @@
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace qslog {
 
@@ -41,16 +42,15 @@ LogImage::Load LogImage::Read(int fd) {
     struct stat st;
     if (fstat(fd, &st) != 0)
         return Load::ReadError;
+    if (!S_ISREG(st.st_mode))
+        return ReadStream(fd);
     if (uint64_t(st.st_size) > kMaxFileBytes) {
         errno = EFBIG;
         return Load::TooLarge;
     }
     size_t want = size_t(st.st_size);
-    m_Data.reset(new (std::nothrow) uint64_t[(want + kSlackBytes + 7) / 8]());
-    if (!m_Data) {
-        errno = ENOMEM;
+    if (!Allocate(want))
         return Load::ReadError;
-    }
     // A file cut short while we read it (a writer re-initialising it) gives
     // a short copy, which the checks below report as truncated.
     size_t done = 0;
@@ -66,6 +66,39 @@ LogImage::Load LogImage::Read(int fd) {
     }
     m_FileSize = DWORD(done);
     return Check();
+}
+
+// A pipe: read to its end, as it comes, since its size is not known first.
+LogImage::Load LogImage::ReadStream(int fd) {
+    std::vector<uint8_t> all;
+    for (;;) {
+        size_t done = all.size();
+        all.resize(done + 65536);
+        ssize_t n = read(fd, all.data() + done, 65536);
+        all.resize(done + (n > 0 ? size_t(n) : 0));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return Load::ReadError;
+        if (n == 0)
+            break;
+        if (all.size() > kMaxFileBytes) {
+            errno = EFBIG;
+            return Load::TooLarge;
+        }
+    }
+    if (!Allocate(all.size()))
+        return Load::ReadError;
+    memcpy(Bytes(), all.data(), all.size());
+    m_FileSize = DWORD(all.size());
+    return Check();
+}
+
+bool LogImage::Allocate(size_t bytes) {
+    m_Data.reset(new (std::nothrow) uint64_t[(bytes + kSlackBytes + 7) / 8]());
+    if (!m_Data)
+        errno = ENOMEM;
+    return m_Data != nullptr;
 }
 
 DWORD LogImage::Word(int index) const {

@@ -29,9 +29,9 @@ class LogImage {
 public:
     enum class Load { Ok, NotALog, TooLarge, ReadError };
 
-    // Reads the whole file behind fd and checks its header.  Ok also for a
-    // damaged log (see Problems()); NotALog when nothing in it looks like a
-    // log; the others with errno set.
+    // Reads the whole file behind fd (a regular file, or a pipe to its end)
+    // and checks its header.  Ok also for a damaged log (see Problems());
+    // NotALog when nothing in it looks like a log; the others with errno set.
     Load Read(int fd);
 
     const ZLogFile* File() const { return reinterpret_cast<const ZLogFile*>(m_Data.get()); }
@@ -52,6 +52,8 @@ public:
     void AddProblem(std::string text) { m_Problems.push_back(std::move(text)); }
 
 private:
+    Load ReadStream(int fd);
+    bool Allocate(size_t bytes);
     Load Check();
     void StoreWord(int index, DWORD value);
     DWORD Word(int index) const;

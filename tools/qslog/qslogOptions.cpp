@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -19,18 +20,32 @@ const char* const kFooter = R"(Examples:
   qslog --stream events -r        the events log, newest first
   qslog -o json alpha_Default.log | jq -r 'select(.severity >= 3) | .text'
   qslog --stat alpha_Default.log  header, record count, wraps, validity
+  ssh alpha cat Logs/alpha_Default.log | qslog -
+                                  a log image read from standard input
 
 Times for --since and --until: "2026-11-21 14:03[:07[.123]]", "14:03" (today),
 "10 min ago", "-2h", "+30s", "@1790000000" (seconds since 1970), "today",
-"yesterday", "now".  Severities: info (0), normal (1), warning (2), error (3+).
+"yesterday", "now".  --until takes in the whole of its last field: a time
+copied from the output includes the records printed with it.  Severities:
+info (0), normal (1), warning (2), error (3+).
 
 Without FILE, qslog reads <host>_Default.log in the log directory of the
 logging library: QS_LOG_DIR, else "Logs" under HOME.  It only ever reads:
-it never creates, writes or locks a log.  -f polls every 100 ms.
+it never creates, writes or locks a log.  -f polls every 100 ms, and waits
+for a log that does not exist yet.
 
 Exit status: 0 every record read; 1 a file is damaged or cannot be read (what
 is intact is still printed); 2 usage error: bad option or value, no such file,
 a directory.  -f ends with 0 on SIGINT, SIGTERM, or when the file is replaced.)";
+
+// Decimal digits only: no sign, no space, no fraction.  A count beyond any
+// log's record count means all of them.
+bool ParseCount(const std::string& text, uint64_t& out) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    out = strtoull(text.c_str(), nullptr, 10); // saturates
+    return true;
+}
 
 bool ParseCode(const std::string& text, DWORD& out) {
     errno = 0;
@@ -59,17 +74,18 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, 
     app.set_version_flag("--version", "qslog 1.0");
     app.get_formatter()->column_width(32);
 
-    std::string stream = "default", output = "short", priority, since, until, pattern;
+    std::string stream = "default", output = "short", priority, since, until, pattern, lines;
     std::vector<std::string> codes;
     bool ignoreCase = false, color = false, noColor = false;
 
-    app.add_option("FILE", out.files, "Log files to read (default: this host's default stream)");
+    app.add_option("FILE", out.files,
+                   "Log files to read, - for standard input (default: this host's default "
+                   "stream)");
     auto* streamOpt = app.add_option("--stream", stream, "Which default stream to read")
                           ->check(CLI::IsMember({"default", "events", "perfctrs"}));
     auto* follow =
         app.add_flag("-f,--follow", out.follow, "Keep printing records as they are appended");
-    app.add_option("-n,--lines", out.lines, "Show only the last N records")
-        ->check(CLI::NonNegativeNumber);
+    app.add_option("-n,--lines", lines, "Show only the last N records");
     auto* reverse = app.add_flag("-r,--reverse", out.reverse, "Newest record first");
     app.add_option("-p,--priority", priority,
                    "Minimum severity: info, normal, warning, error, or a number");
@@ -95,6 +111,8 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, 
         app.parse(argc, argv);
         if (streamOpt->count() && !out.files.empty())
             throw CLI::ValidationError("--stream", "reads a default stream: give no FILE with it");
+        if (out.follow && std::count(out.files.begin(), out.files.end(), "-"))
+            throw CLI::ValidationError("--follow", "cannot follow standard input ('-')");
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) {
             text = e.get_name() == "CallForVersion" ? std::string(e.what()) + "\n" : app.help();
@@ -114,6 +132,12 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, 
                                    : OutputFormat::Short;
     out.color = color ? ColorMode::Always : noColor ? ColorMode::Never : ColorMode::Auto;
 
+    if (app.count("--lines")) {
+        uint64_t n;
+        if (!ParseCount(lines, n))
+            return usage("-n takes a count of 0 or more, not '" + lines + "'");
+        out.lines = n;
+    }
     if (!priority.empty()) {
         int32_t sev;
         if (!ParseSeverity(priority, sev))
@@ -128,14 +152,18 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, 
         out.filter.codes.push_back(v);
     }
     std::string error;
-    for (auto [textTime, slot] :
-         {std::pair{&since, &out.filter.since}, std::pair{&until, &out.filter.until}}) {
-        if (textTime->empty())
-            continue;
-        uint64_t t;
-        if (!ParseTime(*textTime, now, t, error))
+    uint64_t span;
+    if (!since.empty()) {
+        if (!ParseTime(since, now, out.filter.since.emplace(), span, error))
             return usage(error);
-        *slot = t;
+    }
+    // An end copied from the output ("14:03:07.123") takes in every record
+    // printed with that time, not only those of its first 100 ns.
+    if (!until.empty()) {
+        if (!ParseTime(until, now, out.filter.until.emplace(), span, error))
+            return usage(error);
+        if (span > 0)
+            *out.filter.until += span - 1;
     }
     if (!pattern.empty()) {
         auto p = std::make_shared<Pattern>();

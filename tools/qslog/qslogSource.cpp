@@ -20,8 +20,19 @@ LogSource::~LogSource() {
 }
 
 bool LogSource::Open() {
+    m_Status = 0;
+    m_Error.clear();
+    m_Missing = false;
     struct stat st;
-    if (stat(m_Path.c_str(), &st) != 0) {
+    if (IsStdin()) {
+        m_Fd = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+        if (m_Fd < 0 || fstat(m_Fd, &st) != 0) {
+            m_Status = kExitDamaged;
+            m_Error = strerror(errno);
+            return false;
+        }
+    } else if (stat(m_Path.c_str(), &st) != 0) {
+        m_Missing = errno == ENOENT;
         m_Status = errno == ENOENT || errno == ENOTDIR ? kExitUsage : kExitDamaged;
         m_Error = errno == ENOENT ? "no such file" : strerror(errno);
         return false;
@@ -31,17 +42,19 @@ bool LogSource::Open() {
         m_Error = "is a directory, not a log file";
         return false;
     }
-    if (!S_ISREG(st.st_mode)) {
+    if (!S_ISREG(st.st_mode) && !IsStdin()) {
         m_Status = kExitUsage;
         m_Error = "not a regular file";
         return false;
     }
-    m_Fd = open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (!IsStdin())
+        m_Fd = open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (m_Fd < 0 || fstat(m_Fd, &st) != 0) {
         m_Status = kExitDamaged;
         m_Error = strerror(errno);
         return false;
     }
+    m_Regular = S_ISREG(st.st_mode);
     m_Device = st.st_dev;
     m_Inode = st.st_ino;
     return true;
@@ -70,7 +83,8 @@ bool LogSource::Read(int file, std::vector<Entry>& out) {
         }
         mine.clear();
         m_Chain = CollectRecords(m_Image, 0, file, mine);
-        confirm = ConfirmWithFile(m_Fd, m_Image, mine);
+        // A pipe cannot be read again, and nobody writes what it brings.
+        confirm = m_Regular ? ConfirmWithFile(m_Fd, m_Image, mine) : Confirm::Whole;
     }
     if (confirm == Confirm::Overrun) {
         mine.clear();

@@ -1,4 +1,6 @@
-// One log file given to qslog: opened read-only, copied, walked.
+// One log file given to qslog: opened read-only, copied, walked.  The name
+// "-" stands for standard input, which holds a log image (a pipe or a file);
+// it is read once, as it comes.
 #pragma once
 
 #include "qslogImage.h"
@@ -20,6 +22,16 @@ public:
     // Opens the file.  False with Status() and Error() set when it is
     // missing or a directory (usage) or cannot be opened (damaged/unreadable).
     bool Open();
+    // Open() failed because there is no such file (yet).
+    bool Missing() const { return m_Missing; }
+    // Standard input ("-"): never re-read, so never followed.
+    bool IsStdin() const { return m_Path == kStdinName; }
+    // The name to show for it: the path, or "(standard input)".
+    std::string Name() const { return DisplayName(m_Path); }
+    static std::string DisplayName(const std::string& path) {
+        return path == kStdinName ? "(standard input)" : path;
+    }
+    static constexpr const char* kStdinName = "-";
     // Copies the file and appends its records to `out`, oldest first, tagged
     // `file`.  False when nothing in it could be read as a log.
     bool Read(int file, std::vector<Entry>& out);
@@ -41,6 +53,8 @@ private:
     ino_t m_Inode = 0;
     LogImage m_Image;
     ChainSummary m_Chain;
+    bool m_Regular = false;
+    bool m_Missing = false;
     int m_Status = 0;
     std::string m_Error;
 };

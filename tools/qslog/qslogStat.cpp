@@ -36,7 +36,7 @@ void PutStat(Writer& out, const LogSource& source, const std::vector<Entry>& ent
     TimeFormatter time;
 
     Field(out, "file");
-    out.Put(source.Path());
+    out.Put(source.Name());
     out.Put('\n');
 
     Field(out, "size");
@@ -89,11 +89,6 @@ void PutStat(Writer& out, const LogSource& source, const std::vector<Entry>& ent
             out.PutUInt(source.Chain().lost);
             out.Put(" records unreadable");
         }
-        out.Put('\n');
-    }
-    for (const std::string& p : image.Problems()) {
-        Field(out, "problem");
-        out.Put(p);
         out.Put('\n');
     }
 }

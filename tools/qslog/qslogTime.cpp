@@ -13,6 +13,7 @@ namespace qslog {
 namespace {
 
 constexpr int64_t kUnitsPerMs = 10000;
+constexpr int64_t kUnitsPerSecond = 1000 * kUnitsPerMs;
 constexpr int64_t kEpochMs = int64_t(QS_FILETIME_UNIX_EPOCH / kUnitsPerMs);
 
 // Floor division, so that times before 1970 still give a millisecond part
@@ -128,24 +129,31 @@ bool ParseRelative(std::string_view text, int64_t nowMs, int64_t& out) {
     return true;
 }
 
-// "HH:MM[:SS[.fff]]", filling the time fields of tm and the milliseconds.
-bool ParseClock(Scanner& sc, struct tm& tm, int64_t& ms) {
+// "HH:MM[:SS[.fffffff]]", filling the time fields of tm.  `frac` gets the
+// fraction of the second in FILETIME units (digits past the seventh are
+// dropped) and `span` the length of the last field written: a minute, a
+// second, or one unit of the fraction's last digit.
+bool ParseClock(Scanner& sc, struct tm& tm, int64_t& frac, int64_t& span) {
     int64_t h, m, s = 0;
     if (!sc.Number(h, 2) || !sc.Eat(':') || !sc.Number(m, 2))
         return false;
+    frac = 0;
+    span = 60 * kUnitsPerSecond;
     if (sc.Eat(':')) {
         if (!sc.Number(s, 2))
             return false;
+        span = kUnitsPerSecond;
         if (sc.Eat('.')) {
             size_t start = sc.i;
-            int64_t frac;
-            if (!sc.Number(frac))
+            int64_t ignored;
+            if (!sc.Number(ignored))
                 return false;
-            size_t digits = sc.i - start;
-            std::string_view f = sc.s.substr(start, std::min<size_t>(digits, 3));
-            ms = 0;
-            for (size_t k = 0; k < 3; ++k)
-                ms = ms * 10 + (k < f.size() ? f[k] - '0' : 0);
+            std::string_view digits = sc.s.substr(start, std::min<size_t>(sc.i - start, 7));
+            for (char c : digits) {
+                frac = frac * 10 + (c - '0');
+                span /= 10;
+            }
+            frac *= span;
         }
     }
     if (h > 23 || m > 59 || s > 60)
@@ -156,11 +164,14 @@ bool ParseClock(Scanner& sc, struct tm& tm, int64_t& ms) {
     return true;
 }
 
-bool ParseAbsolute(std::string_view text, int64_t nowMs, int64_t& out) {
+// A local date, date and time, or time today, as units since 1970; `span`
+// as ParseClock says, 0 for a date alone (its midnight, an instant).
+bool ParseAbsolute(std::string_view text, int64_t nowMs, int64_t& out, int64_t& span) {
     Scanner sc{text};
     struct tm tm = {};
-    int64_t ms = 0;
+    int64_t frac = 0;
     int64_t y, mo, d;
+    span = 0;
     size_t save = sc.i;
     if (sc.Number(y, 4) && sc.Eat('-') && sc.Number(mo, 2) && sc.Eat('-') && sc.Number(d, 2)) {
         if (mo < 1 || mo > 12 || d < 1 || d > 31)
@@ -172,14 +183,14 @@ bool ParseAbsolute(std::string_view text, int64_t nowMs, int64_t& out) {
             if (!sc.Eat('T') && !sc.Eat(' '))
                 return false;
             sc.SkipSpaces();
-            if (!ParseClock(sc, tm, ms))
+            if (!ParseClock(sc, tm, frac, span))
                 return false;
         }
     } else {
         sc.i = save;
         time_t t = time_t(FloorDiv(nowMs, 1000));
         localtime_r(&t, &tm);
-        if (!ParseClock(sc, tm, ms))
+        if (!ParseClock(sc, tm, frac, span))
             return false;
     }
     if (!sc.AtEnd())
@@ -188,16 +199,18 @@ bool ParseAbsolute(std::string_view text, int64_t nowMs, int64_t& out) {
     time_t t = mktime(&tm);
     if (t == time_t(-1))
         return false;
-    out = int64_t(t) * 1000 + ms;
+    out = int64_t(t) * kUnitsPerSecond + frac;
     return true;
 }
 
-bool ParseEpoch(std::string_view text, int64_t& out) {
+// "@SECONDS" since 1970 UTC, as units; it names a whole second.
+bool ParseEpoch(std::string_view text, int64_t& out, int64_t& span) {
     Scanner sc{text};
     int64_t s;
-    if (!sc.Eat('@') || !sc.Number(s) || !sc.AtEnd() || s > INT64_MAX / 1000 / 2)
+    if (!sc.Eat('@') || !sc.Number(s) || !sc.AtEnd() || s > INT64_MAX / kUnitsPerSecond / 2)
         return false;
-    out = s * 1000;
+    out = s * kUnitsPerSecond;
+    span = kUnitsPerSecond;
     return true;
 }
 
@@ -248,37 +261,49 @@ std::string_view TimeFormatter::Short(uint64_t filetime) {
 }
 
 std::string_view TimeFormatter::Iso(uint64_t filetime) {
-    Short(filetime);
+    int64_t us = int64_t(filetime / 10) - kEpochMs * 1000;
+    int64_t second = FloorDiv(us, 1000000);
+    if (second != m_Second)
+        Convert(second);
+    memcpy(m_Out, m_Date, 19);
     m_Out[10] = 'T';
-    memcpy(m_Out + 23, m_Zone, 6);
-    return std::string_view(m_Out, 29);
+    m_Out[19] = '.';
+    int fraction = int(us - second * 1000000);
+    Put3(m_Out + 20, fraction / 1000);
+    Put3(m_Out + 23, fraction % 1000);
+    memcpy(m_Out + 26, m_Zone, 6);
+    return std::string_view(m_Out, 32);
 }
 
-bool ParseTime(std::string_view text, uint64_t now, uint64_t& out, std::string& error) {
+bool ParseTime(std::string_view text, uint64_t now, uint64_t& out, uint64_t& span,
+               std::string& error) {
     while (!text.empty() && isspace((unsigned char)text.front()))
         text.remove_prefix(1);
     while (!text.empty() && isspace((unsigned char)text.back()))
         text.remove_suffix(1);
     int64_t nowMs = FileTimeToUnixMs(now);
-    int64_t ms = 0;
-    bool ok = true;
-    if (text == "now")
-        ms = nowMs;
-    else if (text == "today")
-        ms = LocalMidnightMs(nowMs, 0);
-    else if (text == "yesterday")
-        ms = LocalMidnightMs(nowMs, -1);
-    else if (text == "tomorrow")
-        ms = LocalMidnightMs(nowMs, 1);
-    else
-        ok = ParseEpoch(text, ms) || ParseRelative(text, nowMs, ms) ||
-             ParseAbsolute(text, nowMs, ms);
-    if (!ok) {
-        error = "cannot read time '" + std::string(text) +
-                "' (try \"2026-11-21 14:03\", \"14:03\", \"10 min ago\", \"-2h\", \"today\")";
-        return false;
+    int64_t units = 0, length = 0;
+    if (!ParseEpoch(text, units, length) && !ParseAbsolute(text, nowMs, units, length)) {
+        int64_t ms = 0;
+        length = 0;
+        if (text == "now")
+            ms = nowMs;
+        else if (text == "today")
+            ms = LocalMidnightMs(nowMs, 0);
+        else if (text == "yesterday")
+            ms = LocalMidnightMs(nowMs, -1);
+        else if (text == "tomorrow")
+            ms = LocalMidnightMs(nowMs, 1);
+        else if (!ParseRelative(text, nowMs, ms)) {
+            error = "cannot read time '" + std::string(text) +
+                    "' (try \"2026-11-21 14:03\", \"14:03\", \"10 min ago\", \"-2h\", \"today\")";
+            return false;
+        }
+        units = ms * kUnitsPerMs;
     }
-    out = UnixMsToFileTime(ms);
+    int64_t filetime = units + int64_t(QS_FILETIME_UNIX_EPOCH);
+    out = filetime < 0 ? 0 : uint64_t(filetime);
+    span = uint64_t(length);
     return true;
 }
 

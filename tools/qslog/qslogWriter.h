@@ -35,9 +35,10 @@ public:
     void PutInt(int64_t v);
     // Upper-case hex digits, at least `width` of them.
     void PutHex(uint64_t v, int width = 1);
-    // The text on one line: newline and carriage return as \n and \r, the
-    // other control characters but tab, and DEL, as \xNN (so that a log text
-    // cannot drive the terminal); everything else, UTF-8 included, as is.
+    // The text on one line, unable to drive a terminal: newline, carriage
+    // return and tab as \n, \r and \t; the other control characters (C0,
+    // DEL, and C1 as its two UTF-8 bytes) and every byte that is not part of
+    // well-formed UTF-8 as \xNN.  Everything else, backslashes included, as is.
     void PutEscaped(std::string_view s);
 
     // Writes out what is buffered.  False once any write failed.
