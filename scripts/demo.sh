@@ -4,9 +4,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+echo "== installing the Debian packages it needs (only those missing)"
 scripts/deps.sh build tools
+echo "== configuring build/"
 cmake -S . -B build -G Ninja >/dev/null
-ninja -C build --quiet watcher demo_target qslog
+echo "== building watcher, demo_target and qslog (a first build takes a few minutes)"
+ninja -C build watcher demo_target qslog
 
 export QS_LOG_DIR=${QS_LOG_DIR:-$PWD/build/demo-logs}
 state=$(mktemp)
