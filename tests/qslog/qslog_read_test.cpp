@@ -177,8 +177,8 @@ TEST(QslogRead, CountsAndTimesAsUsersGiveThem) {
     for (const char* bad : {"-1", "abc", "3x", "", "1.5", "+2", " 4"}) {
         RunResult r = RunQslog({"-n", bad, path});
         EXPECT_EQ(r.status, 2) << bad;
-        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), "qslog: -n takes a count of 0 or more, not '" +
-                                            std::string(bad) + "'");
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n')),
+                  "qslog: -n takes a count of 0 or more, not '" + std::string(bad) + "'");
     }
 
     auto log = OpenLog(dir.Path(), "c.log", 16, false);

@@ -3,6 +3,7 @@
 #include "qsBitUtils.h"
 #include "qslogRecord.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -10,7 +11,6 @@
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace qslog {
 
@@ -42,20 +42,34 @@ LogImage::Load LogImage::Read(int fd) {
     struct stat st;
     if (fstat(fd, &st) != 0)
         return Load::ReadError;
-    if (!S_ISREG(st.st_mode))
-        return ReadStream(fd);
-    if (uint64_t(st.st_size) > kMaxFileBytes) {
+    // A pipe's size is not known first: it is read to its end as it comes,
+    // into a buffer that grows.
+    const bool regular = S_ISREG(st.st_mode);
+    if (regular && uint64_t(st.st_size) > kMaxFileBytes) {
         errno = EFBIG;
         return Load::TooLarge;
     }
-    size_t want = size_t(st.st_size);
-    if (!Allocate(want))
+    size_t capacity = regular ? size_t(st.st_size) : 65536;
+    if (!Allocate(capacity, 0))
         return Load::ReadError;
     // A file cut short while we read it (a writer re-initialising it) gives
     // a short copy, which the checks below report as truncated.
     size_t done = 0;
-    while (done < want) {
-        ssize_t n = pread(fd, Bytes() + done, want - done, off_t(done));
+    for (;;) {
+        if (done == capacity) {
+            if (regular)
+                break;
+            if (capacity > kMaxFileBytes) {
+                errno = EFBIG;
+                return Load::TooLarge;
+            }
+            // One byte past the largest log tells a pipe that brings more.
+            capacity = std::min<size_t>(capacity * 2, kMaxFileBytes + 1);
+            if (!Allocate(capacity, done))
+                return Load::ReadError;
+        }
+        ssize_t n = regular ? pread(fd, Bytes() + done, capacity - done, off_t(done))
+                            : read(fd, Bytes() + done, capacity - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -68,37 +82,18 @@ LogImage::Load LogImage::Read(int fd) {
     return Check();
 }
 
-// A pipe: read to its end, as it comes, since its size is not known first.
-LogImage::Load LogImage::ReadStream(int fd) {
-    std::vector<uint8_t> all;
-    for (;;) {
-        size_t done = all.size();
-        all.resize(done + 65536);
-        ssize_t n = read(fd, all.data() + done, 65536);
-        all.resize(done + (n > 0 ? size_t(n) : 0));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return Load::ReadError;
-        if (n == 0)
-            break;
-        if (all.size() > kMaxFileBytes) {
-            errno = EFBIG;
-            return Load::TooLarge;
-        }
-    }
-    if (!Allocate(all.size()))
-        return Load::ReadError;
-    memcpy(Bytes(), all.data(), all.size());
-    m_FileSize = DWORD(all.size());
-    return Check();
-}
-
-bool LogImage::Allocate(size_t bytes) {
-    m_Data.reset(new (std::nothrow) uint64_t[(bytes + kSlackBytes + 7) / 8]());
-    if (!m_Data)
+// Room for `bytes` and the zero slack after them, keeping the first `keep`
+// bytes of the current buffer.
+bool LogImage::Allocate(size_t bytes, size_t keep) {
+    std::unique_ptr<uint64_t[]> data(new (std::nothrow) uint64_t[(bytes + kSlackBytes + 7) / 8]());
+    if (!data) {
         errno = ENOMEM;
-    return m_Data != nullptr;
+        return false;
+    }
+    if (keep)
+        memcpy(data.get(), m_Data.get(), keep);
+    m_Data = std::move(data);
+    return true;
 }
 
 DWORD LogImage::Word(int index) const {

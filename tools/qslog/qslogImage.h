@@ -52,8 +52,7 @@ public:
     void AddProblem(std::string text) { m_Problems.push_back(std::move(text)); }
 
 private:
-    Load ReadStream(int fd);
-    bool Allocate(size_t bytes);
+    bool Allocate(size_t bytes, size_t keep);
     Load Check();
     void StoreWord(int index, DWORD value);
     DWORD Word(int index) const;

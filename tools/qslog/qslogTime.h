@@ -8,8 +8,9 @@
 
 namespace qslog {
 
-// Renders FILETIMEs (100-ns units since 1601 UTC) as local time.  Records arrive in time order, so the calendar conversion is
-// done once per distinct second and only the milliseconds change in between.
+// Renders FILETIMEs (100-ns units since 1601 UTC) as local time.  Records
+// arrive in time order, so the calendar conversion is done once per distinct
+// second and only the fraction changes in between.
 class TimeFormatter {
 public:
     // "2026-11-21 14:03:07.123"

@@ -76,9 +76,9 @@ TEST_F(QslogTime, ReadsWhatUsersType) {
         EXPECT_EQ(out, UnixMsToFileTime(kNow) + 4567) << text;
         EXPECT_EQ(span, 1u) << text;
     }
-    for (const char* bad : {"", "soon", "10", "10 min", "10 parsecs ago", "-h", "2026-13-01",
-                            "2026-11-21 25:00", "14:3", "2026/11/21", "@12x", "+10 min ago",
-                            "14:03:07."}) {
+    for (const char* bad :
+         {"", "soon", "10", "10 min", "10 parsecs ago", "-h", "2026-13-01", "2026-11-21 25:00",
+          "14:3", "2026/11/21", "@12x", "+10 min ago", "14:03:07."}) {
         uint64_t out = 0, span = 0;
         std::string error;
         EXPECT_FALSE(ParseTime(bad, UnixMsToFileTime(kNow), out, span, error)) << "'" << bad << "'";
