@@ -27,8 +27,9 @@ template <typename Body> int RunUnprivileged(const std::string& dir, Body body) 
     pid_t pid = fork();
     if (pid == 0) {
         int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-        if (fd < 0 || (root && (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 ||
-                                setuid(kNobody) != 0)) ||
+        if (fd < 0 ||
+            (root &&
+             (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) ||
             fchdir(fd) != 0)
             _exit(255);
         _exit(body());

@@ -106,7 +106,8 @@ qsStatus ZDirectory::FindNext(WIN32_FIND_DATAA* data) {
         // As the attribute query sees it (links followed); a dangling link
         // is returned as itself.
         struct stat64 st;
-        if (stat64(path.c_str(), &st) != 0 && (errno != ENOENT || lstat64(path.c_str(), &st) != 0)) {
+        if (stat64(path.c_str(), &st) != 0 &&
+            (errno != ENOENT || lstat64(path.c_str(), &st) != 0)) {
             if (errno != ENOENT) // gone meanwhile: not an entry any more
                 Report(who, errno, "examining", path);
             continue;

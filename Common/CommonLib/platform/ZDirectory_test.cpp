@@ -23,17 +23,21 @@ static Paths ListPaths(const std::string& dir, const char* pattern, DWORD kinds,
 TEST(ZDirectory, PatternsKindsAndRecursion) {
     qsTest::TempDir dir;
     std::string root = dir / "r";
-    qsTest::MakeTree(root, {"a.txt=aaa", "b.log=b", ".hidden.txt=h", "empty/", "sub/", "sub/c.txt=c",
-                            "sub/deep/", "sub/deep/d.txt=d", "loop->.", "up->sub",
-                            "dangling->missing"});
+    qsTest::MakeTree(root,
+                     {"a.txt=aaa", "b.log=b", ".hidden.txt=h", "empty/", "sub/", "sub/c.txt=c",
+                      "sub/deep/", "sub/deep/d.txt=d", "loop->.", "up->sub", "dangling->missing"});
     using ZD = ZDirectory;
     // Pattern, kinds, recursive, the paths in order.
     std::tuple<const char*, DWORD, bool, Paths> cases[] = {
-        {"*", ZD::eFilesAndDirectories, false,
+        {"*",
+         ZD::eFilesAndDirectories,
+         false,
          {".hidden.txt", "a.txt", "b.log", "dangling", "empty", "loop", "sub", "up"}},
         {nullptr, ZD::eFiles, false, {".hidden.txt", "a.txt", "b.log", "dangling"}},
         {"[ab].*", ZD::eFiles, false, {"a.txt", "b.log"}},
-        {"*.txt", ZD::eFiles, true,
+        {"*.txt",
+         ZD::eFiles,
+         true,
          {".hidden.txt", "a.txt", "sub/c.txt", "sub/deep/d.txt", "up/c.txt", "up/deep/d.txt"}},
         {"*", ZD::eDirectories, true, {"empty", "loop", "sub", "sub/deep", "up", "up/deep"}},
         {"d*", ZD::eFiles, true, {"dangling", "sub/deep/d.txt", "up/deep/d.txt"}},
@@ -86,11 +90,14 @@ TEST(ZDirectory, FindRecords) {
     EXPECT_STREQ(f.cFileName, "big");
     EXPECT_EQ(f.dwFileAttributes, FILE_ATTRIBUTE_NORMAL);
     EXPECT_TRUE(f.nFileSizeHigh == 1 && f.nFileSizeLow == 0x40000007);
-    EXPECT_EQ(qsFileTimeToUInt64(f.ftLastAccessTime), 1000000000ull * 10000000 + QS_FILETIME_UNIX_EPOCH);
-    EXPECT_EQ(qsFileTimeToUInt64(f.ftLastWriteTime), 1234567890ull * 10000000 + QS_FILETIME_UNIX_EPOCH);
+    EXPECT_EQ(qsFileTimeToUInt64(f.ftLastAccessTime),
+              1000000000ull * 10000000 + QS_FILETIME_UNIX_EPOCH);
+    EXPECT_EQ(qsFileTimeToUInt64(f.ftLastWriteTime),
+              1234567890ull * 10000000 + QS_FILETIME_UNIX_EPOCH);
     EXPECT_EQ(qsFileTimeToUInt64(f.ftCreationTime), 0u);
     EXPECT_TRUE(f.dwReserved0 == 0 && f.dwReserved1 == 0 && f.cAlternateFileName[0] == 0);
-    EXPECT_EQ(std::string(f.cFileName, sizeof f.cFileName), std::string("big") + std::string(257, '\0'));
+    EXPECT_EQ(std::string(f.cFileName, sizeof f.cFileName),
+              std::string("big") + std::string(257, '\0'));
     ASSERT_EQ(d.FindNext(&f), QS_OK);
     EXPECT_STREQ(f.cFileName, "sub");
     EXPECT_EQ(f.dwFileAttributes, FILE_ATTRIBUTE_DIRECTORY);
@@ -111,8 +118,9 @@ TEST(ZDirectory, UnreadableSubdirectoryIsSkipped) {
         return paths == Paths{"a", "a/locked", "b", "b/y"} && d.GetSkippedCount() == 1 ? 0 : 1;
     });
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(qsTest::Logged("ZDirectory::FindNext: error 13 reading directory <t/a/locked>.").size(),
-              1u);
+    EXPECT_EQ(
+        qsTest::Logged("ZDirectory::FindNext: error 13 reading directory <t/a/locked>.").size(),
+        1u);
 }
 
 // 100 directories of 99 files each: 10,000 entries, in order.
@@ -122,8 +130,9 @@ TEST(ZDirectory, TenThousandEntries) {
         std::string sub = dir / ("d" + std::to_string(100 + i));
         mkdir(sub.c_str(), 0755);
         for (int j = 0; j < 99; ++j)
-            close(open((sub + "/f" + std::to_string(100 + j) + (j % 10 == 7 ? ".log" : ".dat")).c_str(),
-                       O_CREAT | O_WRONLY, 0644));
+            close(open(
+                (sub + "/f" + std::to_string(100 + j) + (j % 10 == 7 ? ".log" : ".dat")).c_str(),
+                O_CREAT | O_WRONLY, 0644));
     }
     Paths all = ListPaths(dir.Path(), "*", ZDirectory::eFilesAndDirectories, true);
     ASSERT_EQ(all.size(), 10000u);

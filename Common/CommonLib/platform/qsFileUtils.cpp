@@ -65,7 +65,8 @@ qsStatus RemoveContents(const std::string& dir, const char* who) {
     std::vector<std::string> names;
     if (int error = qsReadDirectoryNames(dir, names)) {
         errno = error;
-        return error == ENOENT ? QS_E_NOT_FOUND : Fail(who, "reading directory", dir, QS_E_DIR_READ);
+        return error == ENOENT ? QS_E_NOT_FOUND
+                               : Fail(who, "reading directory", dir, QS_E_DIR_READ);
     }
     qsStatus first = QS_OK;
     for (const std::string& name : names) {
@@ -145,6 +146,8 @@ qsStatus RemoveFile(const char* path) {
     return Fail(who, "removing", path, QS_E_FILE_DELETE);
 }
 
-const char* GetLastSlash(const char* path) { return qsPath::GetLastSlash(path); }
+const char* GetLastSlash(const char* path) {
+    return qsPath::GetLastSlash(path);
+}
 
 } // namespace qsFileUtils

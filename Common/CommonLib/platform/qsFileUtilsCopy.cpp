@@ -28,7 +28,9 @@ struct CopyJob {
 qsStatus CopyEntry(const std::string& from, const std::string& to, const struct stat64& st,
                    CopyJob& job, bool top);
 
-qsStatus ExistsOr(qsStatus code) { return errno == EEXIST ? QS_E_FILE_EXISTS : code; }
+qsStatus ExistsOr(qsStatus code) {
+    return errno == EEXIST ? QS_E_FILE_EXISTS : code;
+}
 
 qsStatus CopyLink(const std::string& from, const std::string& to, const struct stat64& st,
                   CopyJob& job) {
@@ -101,7 +103,8 @@ qsStatus CopyDirectory(const std::string& from, const std::string& to, const str
     if (created && (st.st_mode & 0700) != 0700) {
         // What mkdir made of the source's bits, the umask applied.
         mode_t lacking = 0700 & ~st.st_mode;
-        if (stat64(to.c_str(), &target) != 0 || chmod(to.c_str(), target.st_mode & 07777 & ~lacking))
+        if (stat64(to.c_str(), &target) != 0 ||
+            chmod(to.c_str(), target.st_mode & 07777 & ~lacking))
             note(Fail(job.who, "setting permissions of", to, QS_E_FILE_COPY));
     }
     return first;

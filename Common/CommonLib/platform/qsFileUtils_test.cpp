@@ -3,11 +3,7 @@
 #include "qsTestTree.h"
 #include "qsUnprivileged.h"
 
-#include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
-#include <regex>
-#include <set>
 #include <sys/wait.h>
 
 using namespace qsFileUtils;
@@ -32,19 +28,6 @@ private:
     std::string m_Path;
 };
 
-static pid_t Spawn(std::function<int()> body) {
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(body());
-    return pid;
-}
-
-static int Reap(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
-}
-
 TEST(qsFileUtils, CreateCleanAndRemoveTrees) {
     qsTest::TempDir dir;
     std::string root = dir / "a";
@@ -60,15 +43,6 @@ TEST(qsFileUtils, CreateCleanAndRemoveTrees) {
         EXPECT_EQ(CreateDirectoryTree(path.c_str()), status) << path;
     EXPECT_EQ(Logged("creating directory <" + dir / "file").size(), 2u); // once each
 
-    // Processes racing to create one tree all succeed.
-    std::vector<pid_t> racers;
-    for (int i = 0; i < 4; ++i)
-        racers.push_back(Spawn([&, i] {
-            return CreateDirectoryTree((root + "/r/s/t/u/" + std::to_string(i)).c_str());
-        }));
-    for (pid_t pid : racers)
-        EXPECT_EQ(Reap(pid), 0);
-
     MakeTree(root, {"b/c/f=1", "b/g=2", "link->../outside", "b/c/loop->.."});
     EXPECT_EQ(CleanDirectoryTree((root + "/b").c_str()), QS_OK);
     EXPECT_EQ(DescribeTree(root + "/b"), Tree{});
@@ -83,7 +57,8 @@ TEST(qsFileUtils, CreateCleanAndRemoveTrees) {
          "qsFileUtils::RemoveDirectoryTree: error 2 removing <" + root + ">."},
         {RemoveFile, dir / "gone", QS_E_NOT_FOUND,
          "qsFileUtils::RemoveFile: error 2 removing <" + dir / "gone>."},
-        {RemoveFile, dir / "outside", QS_E_FILE_DELETE, "qsFileUtils::RemoveFile: error 21 removing <"},
+        {RemoveFile, dir / "outside", QS_E_FILE_DELETE,
+         "qsFileUtils::RemoveFile: error 21 removing <"},
         {CleanDirectoryTree, dir / "file", QS_E_DIR_READ,
          "qsFileUtils::CleanDirectoryTree: error 20 cleaning <"}};
     for (auto& [op, path, status, text] : failures) {
@@ -205,38 +180,35 @@ TEST(qsFileUtils, UniqueFileNames) {
     struct stat st {};
     EXPECT_TRUE(stat(path.c_str(), &st) == 0 && st.st_size == 0 && (st.st_mode & 0777) == 0600);
     ASSERT_EQ(CreateUniqueFile(dir.Path().c_str(), "", nullptr, eUniqueNameGuid, path), QS_OK);
-    EXPECT_TRUE(std::regex_match(path.substr(dir.Path().size() + 1),
-                                 std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")))
-        << path;
+    std::string name = path.substr(dir.Path().size() + 1); // 8-4-4-4-12 hex digits
+    std::string shape = name;
+    for (char& c : shape)
+        c = isxdigit((unsigned char)c) && !islower((unsigned char)c) ? 'h' : c;
+    EXPECT_EQ(shape, "hhhhhhhh-hhhh-hhhh-hhhh-hhhhhhhhhhhh") << name;
     EXPECT_EQ(CreateUniqueFile((dir / "none").c_str(), "x", "", eUniqueNameGuid, path),
               QS_E_NOT_FOUND);
-    EXPECT_EQ(Logged("qsFileUtils::CreateUniqueFile: error 2 creating <" + dir / "none/").size(), 1u);
+    EXPECT_EQ(Logged("qsFileUtils::CreateUniqueFile: error 2 creating <" + dir / "none/").size(),
+              1u);
 
-    // Four processes, two of each kind, ask at once: every name is new.
+    // Four processes, two of each kind, ask at once.  Had two of them been
+    // given one name, fewer files than names given out would exist.
     constexpr int kEach = 150;
     ASSERT_EQ(CreateDirectoryTree((dir / "race").c_str()), QS_OK);
     std::vector<pid_t> children;
-    for (int child = 0; child < 4; ++child)
-        children.push_back(Spawn([&, child] {
-            std::ofstream out(dir / ("names" + std::to_string(child)));
-            for (int i = 0; i < kEach; ++i) {
-                std::string p;
-                if (CreateUniqueFile((dir / "race").c_str(), "u", ".tmp",
-                                     eUniqueName(child % 2), p) != QS_OK)
-                    return 1;
-                out << p << "\n";
-            }
-            return 0;
-        }));
-    for (pid_t pid : children)
-        EXPECT_EQ(Reap(pid), 0);
-    std::set<std::string> names;
     for (int child = 0; child < 4; ++child) {
-        std::ifstream in(dir / ("names" + std::to_string(child)));
-        for (std::string line; std::getline(in, line);)
-            names.insert(line);
+        if ((children.emplace_back(fork())) != 0)
+            continue;
+        for (int i = 0; i < kEach; ++i) {
+            if (CreateUniqueFile((dir / "race").c_str(), "u", 0, eUniqueName(child % 2), path))
+                _exit(1);
+        }
+        _exit(0);
     }
-    EXPECT_EQ(names.size(), 4u * kEach);
+    for (pid_t pid : children) {
+        int status = -1;
+        waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
     EXPECT_EQ(DescribeTree(dir / "race").size(), 4u * kEach);
 
     const char* p = "host:/export/dir/name";

@@ -10,7 +10,9 @@
 
 namespace qsPath {
 
-bool IsSlash(char c) { return c == '\\' || c == '/'; }
+bool IsSlash(char c) {
+    return c == '\\' || c == '/';
+}
 
 bool GetLongPathPrefixLen(const char* path, int& length, bool* isDrive) {
     length = 0;

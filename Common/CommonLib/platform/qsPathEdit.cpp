@@ -139,7 +139,8 @@ void StripLeading(char* path, bool spaces, bool slashes) {
     if (!path)
         return;
     size_t n = 0;
-    while (path[n] && ((spaces && isspace((unsigned char)path[n])) || (slashes && IsSlash(path[n]))))
+    while (path[n] &&
+           ((spaces && isspace((unsigned char)path[n])) || (slashes && IsSlash(path[n]))))
         ++n;
     if (n && path[n])
         memmove(path, path + n, strlen(path + n) + 1);
@@ -177,7 +178,9 @@ bool TightenPath(char* path) {
     return true;
 }
 
-bool TightenPath(std::string& path) { return OnString(path, [](char* p) { return TightenPath(p); }); }
+bool TightenPath(std::string& path) {
+    return OnString(path, [](char* p) { return TightenPath(p); });
+}
 
 void Normalize(char* path) {
     if (!path)
@@ -185,7 +188,7 @@ void Normalize(char* path) {
     eFormat format = GetFormat(path);
     bool forward = format == eFormatUnix || format == eFormatNfs;
     // How much to lower-case: nothing, the host, or everything.
-    size_t lower = format == eFormatUnix ? 0
+    size_t lower = format == eFormatUnix  ? 0
                    : format == eFormatNfs ? size_t(strchr(path, ':') - path)
                                           : strlen(path);
     for (size_t i = 0; path[i]; ++i) {

@@ -9,10 +9,14 @@
 namespace qsPath {
 
 // ASCII only: drive letters are never locale-dependent.
-inline bool IsLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+inline bool IsLetter(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
 
 // A letter, ":" and a backslash: the root of a drive path.
-inline bool IsDriveRoot(const char* p) { return IsLetter(p[0]) && p[1] == ':' && p[2] == '\\'; }
+inline bool IsDriveRoot(const char* p) {
+    return IsLetter(p[0]) && p[1] == ':' && p[2] == '\\';
+}
 
 // Leaves an output buffer terminated on the way out of a failure.
 inline qsStatus Terminate(char* buffer, unsigned long size, qsStatus status) {

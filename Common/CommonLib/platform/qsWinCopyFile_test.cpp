@@ -32,7 +32,8 @@ TEST(CopyFileA, ContentsAndPermissionBits) {
                                                   {65537, 0777, 0750},
                                                   {100u << 20, 0640, 0640}};
     for (auto [size, mode, expected] : cases) {
-        std::string from = dir / ("s" + std::to_string(size)), to = dir / ("t" + std::to_string(size));
+        std::string from = dir / ("s" + std::to_string(size)),
+                    to = dir / ("t" + std::to_string(size));
         auto bytes = Pattern(size);
         qsTest::WriteFileBytes(from, bytes.data(), size);
         ASSERT_EQ(chmod(from.c_str(), mode), 0);
@@ -61,11 +62,10 @@ TEST(CopyFileA, ExistingTargetsAndFailures) {
 
     mkdir(sub.c_str(), 0755);
     // Source, target, errno.  Copying a file onto itself must not truncate it.
-    std::tuple<std::string, std::string, int> failures[] = {
-        {dir / "missing", dir / "t1", ENOENT},
-        {from, dir / "none/t2", ENOENT},
-        {sub, dir / "t3", EISDIR},
-        {from, from, EINVAL}};
+    std::tuple<std::string, std::string, int> failures[] = {{dir / "missing", dir / "t1", ENOENT},
+                                                            {from, dir / "none/t2", ENOENT},
+                                                            {sub, dir / "t3", EISDIR},
+                                                            {from, from, EINVAL}};
     for (auto& [source, target, error] : failures) {
         errno = 0;
         EXPECT_FALSE(CopyFileA(source.c_str(), target.c_str(), FALSE)) << source;
