@@ -87,8 +87,10 @@ qsStatus ZDirectory::FindFirst(const char* dir, const char* pattern, DWORD kinds
 
 qsStatus ZDirectory::FindNext(WIN32_FIND_DATAA* data) {
     static const char* const who = "ZDirectory::FindNext";
-    if (!data)
+    if (!data) {
+        qsLogPrintfA(LONG(QS_E_INVALIDARG), qsLogSevSysCall, "%hs: invalid argument.", who);
         return QS_E_INVALIDARG;
+    }
     while (!m_Stack.empty()) {
         Frame& top = m_Stack.back();
         if (top.next == top.names.size()) {

@@ -27,7 +27,7 @@ qsStatus Fail(const char* who, const char* doing, const std::string& path, qsSta
 
 qsStatus Invalid(const char* who) {
     errno = EINVAL;
-    qsLogPrintfA(LONG(QS_E_INVALIDARG), qsLogSevSysCall, "%hs: path null or empty.", who);
+    qsLogPrintfA(LONG(QS_E_INVALIDARG), qsLogSevSysCall, "%hs: invalid argument.", who);
     return QS_E_INVALIDARG;
 }
 

@@ -12,7 +12,7 @@ namespace qsFileUtils {
 // was, and returns 0xE0FF0108 for a missing path, else `code`.
 qsStatus Fail(const char* who, const char* doing, const std::string& path, qsStatus code,
               const char* other = nullptr);
-// Reports a null or empty argument: 0x80000003.
+// Reports a null, empty or unknown argument: 0x80000003.
 qsStatus Invalid(const char* who);
 
 // Removes what `dir` holds, never following links; a failure inside a

@@ -52,7 +52,8 @@ bool ParseUnc(const char* path, UncParts& u) {
 void CopyPart(const char* text, size_t length, char* out) {
     if (!out)
         return;
-    memcpy(out, text, length);
+    if (length)
+        memcpy(out, text, length);
     out[length] = '\0';
 }
 
