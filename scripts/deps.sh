@@ -7,12 +7,12 @@
 set -euo pipefail
 
 declare -A GROUP=(
-    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest"
+    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest libcrypt-dev"
     [tools]="libcli11-dev nlohmann-json3-dev"
     [bench]="libbenchmark-dev libspdlog-dev libgoogle-glog-dev rsyslog"
     [fuzz]="clang libclang-rt-14-dev"
-    [m32]="g++-multilib"
-    [m32libs]="libtirpc-dev:i386 libcrypt-dev:i386"
+    [m32]="g++-multilib libcrypt-dev:i386"
+    [m32libs]="libtirpc-dev:i386"
 )
 
 wanted=()

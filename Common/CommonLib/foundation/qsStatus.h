@@ -51,6 +51,12 @@ enum : qsStatus {
     QS_E_FILE_ATTRIBUTES = 0xE0020107,
     QS_E_DIR_CREATE = 0xE0020109,
     QS_E_FILE_CLOSE = 0xE002010A,
+    QS_E_FILE_DELETE = 0xE002010B,       // a file or directory could not be removed
+    QS_E_FILE_COPY = 0xE002010C,
+    QS_E_FILE_RENAME = 0xE002010D,
+    QS_E_DIR_READ = 0xE002010E,          // a directory could not be listed
+    QS_E_FILE_EXISTS = 0xE002010F,       // the target is there and must not be replaced
+    QS_W_NO_MORE_ENTRIES = 0xA0020101,   // a listing has nothing (more) to return
 
     QS_E_MUTEX_CREATE = 0xE0020201,
     QS_E_MUTEX_RELEASE = 0xE0020202,

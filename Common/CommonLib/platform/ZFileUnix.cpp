@@ -6,6 +6,7 @@
 // 64-bit build, whatever _FILE_OFFSET_BITS the rest of the program uses.
 #include "ZFileUnix.h"
 
+#include "qsFindData.h"
 #include "qsLog.h"
 #include "qsWinApi.h"
 
@@ -29,25 +30,9 @@ char g_EmptyName[1] = "";
 constexpr DWORD kReadRights = 0x80120089;
 constexpr DWORD kWriteRights = 0x40120116;
 
-// Seconds between 1601-01-01 and 1970-01-01, and the same amount modulo 2^32
-// as the 32-bit value that SetFileTime adds to FILETIME seconds.
-constexpr uint64_t kEpochDeltaSeconds = 11644473600ULL;
+// Seconds between 1601-01-01 and 1970-01-01 modulo 2^32: the 32-bit value
+// that SetFileTime adds to FILETIME seconds.
 constexpr uint32_t kEpochDeltaSeconds32 = 0x49EF6F00;
-
-// The attribute word of a find record: one mode bit at a time, the same rule
-// as GetFileAttributes_Common, so both report a socket as a directory.
-DWORD AttributesFromMode(mode_t mode) {
-    if (mode & 0x4000)
-        return FILE_ATTRIBUTE_DIRECTORY;
-    if (mode & 0x8000)
-        return FILE_ATTRIBUTE_NORMAL;
-    return 0;
-}
-
-FILETIME FileTimeFromSeconds(time_t seconds) {
-    return qsUInt64ToFileTime((uint64_t(int64_t(seconds)) + kEpochDeltaSeconds) *
-                              QS_FILETIME_PER_SECOND);
-}
 
 // The 32-bit conversion back: sub-second parts dropped, dates outside
 // 1970..2106 wrap.
@@ -363,12 +348,7 @@ qsStatus ZFileUnix::GetWinFindData(const char* path, _WIN32_FIND_DATAA* data) {
                errno, path);
         return QS_E_FILE_ATTRIBUTES;
     }
-    memset(data, 0, sizeof *data);
-    data->dwFileAttributes = AttributesFromMode(st.st_mode);
-    data->ftLastAccessTime = FileTimeFromSeconds(st.st_atime);
-    data->ftLastWriteTime = FileTimeFromSeconds(st.st_mtime);
-    data->nFileSizeHigh = DWORD(uint64_t(st.st_size) >> 32);
-    data->nFileSizeLow = DWORD(uint64_t(st.st_size));
+    qsFillFindData(st, nullptr, 0, data);
     CopyLastComponent(path, data->cFileName, sizeof data->cFileName);
     return QS_OK;
 }
@@ -549,9 +529,9 @@ bool ZFileUnix::GetFileTime(FILETIME*, FILETIME* access, FILETIME* write) {
         return false;
     }
     if (access)
-        *access = FileTimeFromSeconds(st.st_atime);
+        UNIXTimeToFILETIME(long(st.st_atime), *access);
     if (write)
-        *write = FileTimeFromSeconds(st.st_mtime);
+        UNIXTimeToFILETIME(long(st.st_mtime), *write);
     return true;
 }
 

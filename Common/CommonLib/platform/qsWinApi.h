@@ -26,8 +26,11 @@ BOOL SystemTimeToFileTime(const SYSTEMTIME* st, FILETIME* ft);
 BOOL FileTimeToSystemTime(const FILETIME* ft, SYSTEMTIME* st);
 BOOL FileTimeToLocalFileTime(const FILETIME* ft, FILETIME* local);
 BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* ft);
-void UNIXTimeToFILETIME(const LONG& seconds, FILETIME& ft);
-LONG FILETIMEToUNIXTime(const FILETIME& ft);
+// Whole seconds both ways; sub-second parts are dropped.  `long` as the
+// interface has always had it: 32 bits on the library's own platform, where
+// a FILETIME before 1970 wraps.
+void UNIXTimeToFILETIME(const long& seconds, FILETIME& ft);
+long FILETIMEToUNIXTime(const FILETIME& ft);
 
 // 65536-aligned heap blocks; only the (null, n, MEM_COMMIT, PAGE_READWRITE)
 // and (p, 0, MEM_RELEASE) forms are supported.
@@ -48,6 +51,22 @@ BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES* sa);
 BOOL RemoveDirectoryA(const char* path);
 BOOL MoveFileA(const char* from, const char* to);
 BOOL DeleteFileA(const char* path);
+
+// Copies a file's contents and permission bits (less the umask; times, owner
+// and extended attributes are not copied), mapping the source and writing it
+// with one write(2), or in 65536-byte chunks when it cannot be mapped (an
+// empty file, say).  With failIfExists an existing target fails the call
+// untouched, with errno EEXIST.  FALSE leaves errno as the cause; nothing is
+// logged: callers report the failure in their own terms.
+BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
+
+// A time-based GUID: 100-ns intervals of the current time, counted from
+// 1963-07-16 16:00 UTC, in Data1..Data3 with the version-1 mark; Data4 is two
+// bytes of rand_r seeded from the time's low word and six characters of a
+// crypt(3) hash of the host name.  GUIDs made in one microsecond on one host
+// are therefore equal.  crypt's result is a static buffer: concurrent calls
+// may mix their hash characters.  Always S_OK; a null pointer does nothing.
+HRESULT CoCreateGuid(GUID* guid);
 
 // Paths and host facts.
 DWORD GetTempPathA(DWORD size, char* buffer);

@@ -1,8 +1,11 @@
 #include "qsWinApi.h"
 
+#include "qsGuidInternal.h"
 #include "qsTestSupport.h"
+#include "qsUnprivileged.h"
 
 #include <chrono>
+#include <crypt.h>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -64,17 +67,13 @@ TEST(qsWinApi, AttributesByModeBitsAndErrorNumbers) {
     EXPECT_FALSE(GetFileAttributesExA(("h:" + file + "x").c_str(), 0, &data));
     EXPECT_EQ(errno, 2);
 
-    // Permission denied is 5.  Root passes every check, so root probes as 65534.
+    // Permission denied is 5, where permissions apply.
     ASSERT_EQ(mkdir(closed.c_str(), 0), 0);
-    int result = InChild([&] {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
-            return 100;
-        return GetFileAttributesA((closed + "/x").c_str()) == INVALID_FILE_ATTRIBUTES ? errno : 0;
-    });
-    chmod(closed.c_str(), 0700);
-    if (result == 100)
-        GTEST_SKIP() << "running as root and cannot switch to uid 65534";
-    EXPECT_EQ(result, 5);
+    EXPECT_EQ(
+        qsTest::RunUnprivileged(
+            dir.Path(),
+            [] { return GetFileAttributesA("closed/x") == INVALID_FILE_ATTRIBUTES ? errno : 0; }),
+        5);
 }
 
 TEST(qsWinApi, VirtualAllocAlignmentAndRefusedForms) {
@@ -191,4 +190,84 @@ TEST(qsWinApi, ProcessIdIsRightInAForkedChild) {
               }),
               0);
     EXPECT_EQ(GetCurrentProcessId(), parent);
+}
+
+// Around the epoch and leap days, in a zone that is neither UTC nor whole
+// hours: local wall-clock SYSTEMTIMEs to FILETIME and back, day of week too.
+TEST(qsWinApi, LeapDaysAndTheEpochInANonUtcZone) {
+    SetZone("XST-5:30");
+    // Local date and time, day of week, UTC seconds.
+    std::tuple<SYSTEMTIME, uint64_t> cases[] = {
+        {{1970, 1, 4, 1, 5, 30, 0, 0}, 0},
+        {{1972, 2, 2, 29, 12, 0, 0, 0}, 68193000},
+        {{1972, 3, 3, 1, 5, 29, 59, 0}, 68255999}, // 02-29 in UTC
+        {{2000, 2, 2, 29, 0, 0, 0, 0}, 951762600},
+        {{2000, 3, 3, 1, 0, 0, 0, 0}, 951849000},
+        {{2024, 2, 4, 29, 23, 59, 59, 0}, 1709231399},
+        {{2038, 1, 2, 19, 8, 44, 7, 0}, 2147483647}};
+    for (auto& [local, seconds] : cases) {
+        FILETIME ft;
+        SYSTEMTIME back;
+        ASSERT_TRUE(SystemTimeToFileTime(&local, &ft)) << seconds;
+        EXPECT_EQ(qsFileTimeToUInt64(ft), FileTimeAt(seconds)) << seconds;
+        ASSERT_TRUE(FileTimeToSystemTime(&ft, &back));
+        EXPECT_EQ(memcmp(&back, &local, sizeof back), 0) << seconds << " " << back.wDay;
+        EXPECT_EQ(FILETIMEToUNIXTime(ft), long(seconds));
+        long s = long(seconds);
+        UNIXTimeToFILETIME(s, ft);
+        EXPECT_EQ(qsFileTimeToUInt64(ft), FileTimeAt(seconds));
+    }
+    SYSTEMTIME early{1970, 1, 4, 1, 5, 29, 59, 0}; // 1969-12-31 23:59:59 UTC
+    FILETIME ft;
+    EXPECT_FALSE(SystemTimeToFileTime(&early, &ft));
+}
+
+static std::vector<BYTE> Bytes(const GUID& g) {
+    const BYTE* p = reinterpret_cast<const BYTE*>(&g);
+    return std::vector<BYTE>(p, p + sizeof g);
+}
+
+// Time in 100-ns units since 1963-07-16 16:00 UTC, the version-1 mark, the
+// variant bits over rand_r of the time's low word, six hash characters of
+// the host name.  One microsecond gives one GUID.
+TEST(qsWinApi, GuidFieldsAndUniquenessByTheMicrosecond) {
+    char host[257] = {};
+    ASSERT_EQ(gethostname(host, 256), 0);
+    std::string hash = crypt(host, kQsGuidHostSalt);
+    // Unix seconds, microseconds, expected 60-bit time.
+    std::tuple<uint64_t, uint32_t, uint64_t> times[] = {{0, 0, 2039328000000000ull},
+                                                        {1700000000, 123456, 19039328001234560ull},
+                                                        {1700000000, 123457, 19039328001234570ull},
+                                                        {1700000001, 123456, 19039328011234560ull}};
+    std::vector<std::vector<BYTE>> seen;
+    for (auto [seconds, micro, t] : times) {
+        GUID a, b;
+        qsGuidFromTime(seconds, micro, &a);
+        qsGuidFromTime(seconds, micro, &b);
+        EXPECT_EQ(Bytes(a), Bytes(b)); // the same microsecond
+        EXPECT_EQ(a.Data1, DWORD(t));
+        EXPECT_EQ(a.Data2, WORD(t >> 32));
+        EXPECT_EQ(a.Data3, WORD(t >> 48) | 0x1000);
+        unsigned seed = unsigned(t);
+        unsigned r = unsigned(rand_r(&seed));
+        EXPECT_EQ(a.Data4[0], BYTE((r >> 24) | 0xA0));
+        EXPECT_EQ(a.Data4[1], BYTE(r >> 16));
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(a.Data4 + 2), 6), hash.substr(2, 6));
+        for (auto& other : seen)
+            EXPECT_NE(Bytes(a), other) << seconds << "." << micro;
+        seen.push_back(Bytes(a));
+    }
+
+    // The real clock: the time in the GUID lies between two readings.
+    timeval before, after;
+    GUID g{};
+    gettimeofday(&before, nullptr);
+    EXPECT_EQ(CoCreateGuid(&g), S_OK);
+    gettimeofday(&after, nullptr);
+    auto at = [](const timeval& tv) {
+        return ((uint64_t(tv.tv_sec) + 203932800) * 1000000 + uint64_t(tv.tv_usec)) * 10;
+    };
+    uint64_t t = (uint64_t(g.Data3 & 0x0FFF) << 48) | (uint64_t(g.Data2) << 32) | g.Data1;
+    EXPECT_TRUE(t >= at(before) && t <= at(after));
+    EXPECT_EQ(CoCreateGuid(nullptr), S_OK);
 }

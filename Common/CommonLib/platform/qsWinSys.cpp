@@ -1,5 +1,7 @@
 #include "qsWinApi.h"
 
+#include "qsFindData.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -79,16 +81,12 @@ DWORD GetFileAttributes_Common(const char* path, WIN32_FILE_ATTRIBUTE_DATA* data
             errno = ERROR_ACCESS_DENIED;
         return INVALID_FILE_ATTRIBUTES;
     }
-    DWORD attributes = 0;
-    if (st.st_mode & 0x4000)
-        attributes = FILE_ATTRIBUTE_DIRECTORY;
-    else if (st.st_mode & 0x8000)
-        attributes = FILE_ATTRIBUTE_NORMAL;
+    DWORD attributes = qsAttributesFromMode(st.st_mode);
     if (data) {
         memset(data, 0, sizeof(*data));
         data->dwFileAttributes = attributes;
-        UNIXTimeToFILETIME(LONG(st.st_atime), data->ftLastAccessTime);
-        UNIXTimeToFILETIME(LONG(st.st_mtime), data->ftLastWriteTime);
+        UNIXTimeToFILETIME(long(st.st_atime), data->ftLastAccessTime);
+        UNIXTimeToFILETIME(long(st.st_mtime), data->ftLastWriteTime);
         data->nFileSizeLow = DWORD(st.st_size);
     }
     return attributes;
@@ -133,7 +131,7 @@ DWORD GetTempPathA(DWORD size, char* buffer) {
 }
 
 BOOL PathMatchSpec(const char* name, const char* pattern) {
-    return fnmatch(pattern, name, FNM_NOESCAPE) == 0;
+    return name && pattern && fnmatch(pattern, name, FNM_NOESCAPE) == 0;
 }
 
 BOOL PathIsRelative(const char* path) {

@@ -143,11 +143,11 @@ BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* ft) {
     return TRUE;
 }
 
-void UNIXTimeToFILETIME(const LONG& seconds, FILETIME& ft) {
+void UNIXTimeToFILETIME(const long& seconds, FILETIME& ft) {
     ft = qsUInt64ToFileTime(uint64_t(int64_t(seconds) * int64_t(QS_FILETIME_PER_SECOND)) +
                             QS_FILETIME_UNIX_EPOCH);
 }
 
-LONG FILETIMEToUNIXTime(const FILETIME& ft) {
-    return LONG((qsFileTimeToUInt64(ft) - QS_FILETIME_UNIX_EPOCH) / QS_FILETIME_PER_SECOND);
+long FILETIMEToUNIXTime(const FILETIME& ft) {
+    return long((qsFileTimeToUInt64(ft) - QS_FILETIME_UNIX_EPOCH) / QS_FILETIME_PER_SECOND);
 }

@@ -11,6 +11,7 @@ typedef uint16_t WORD;
 typedef uint32_t DWORD;
 typedef int32_t LONG;
 typedef int32_t BOOL;
+typedef int32_t HRESULT;
 typedef void* HANDLE;
 
 #ifndef TRUE
@@ -104,6 +105,13 @@ typedef struct _OVERLAPPED {
     DWORD OffsetHigh;
     HANDLE hEvent;
 } OVERLAPPED;
+
+// The records are laid out as on the 32-bit platform whatever the build.
+static_assert(sizeof(FILETIME) == 8 && sizeof(SYSTEMTIME) == 16);
+static_assert(sizeof(WIN32_FILE_ATTRIBUTE_DATA) == 36 && sizeof(WIN32_FIND_DATAA) == 320);
+static_assert(sizeof(GUID) == 16 && sizeof(LARGE_INTEGER) == 8);
+
+constexpr HRESULT S_OK = 0;
 
 // File attributes.
 constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
