@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs)
 # Packages named NAME:i386 bring in the i386 architecture first.  Exits
 # non-zero, with apt's last words on stderr, when something cannot be had.
 set -euo pipefail
@@ -12,6 +12,8 @@ declare -A GROUP=(
     [fuzz]="clang libclang-rt-14-dev"
     [m32]="g++-multilib"
     [m32libs]="libtirpc-dev:i386 libcrypt-dev:i386"
+    # The NFS client and the real server its tests run against.
+    [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
 )
 
 wanted=()
