@@ -4,9 +4,9 @@
 # routines at build time.
 #
 # Sets QS_NFS_LINKS: whether programs that use the NFS client can be linked
-# in this build tree.  Every NFS source is compiled in any case; only a tree
-# whose target cannot link libtirpc (a 32-bit tree on a machine without the
-# i386 library) leaves the NFS tests out, and says so.
+# in this build tree.  Every NFS source, tests included, is compiled in any
+# case; only a tree whose target cannot link libtirpc (a 32-bit tree on a
+# machine without the i386 library) links and runs no NFS test, and says so.
 #
 # Run as a script (cmake -DSTUBS=file -P QsNFS.cmake) it checks a generated
 # stub file instead: every stub must pass the 25-second total timeout.
@@ -49,7 +49,7 @@ unset(CMAKE_REQUIRED_LINK_OPTIONS)
 if(NOT QS_NFS_LINKS)
     # stderr: scripts/build.sh keeps CMake's status output quiet.
     message(NOTICE "-- NFS client compiled but not linked: this target cannot link "
-                   "libtirpc (${QS_TIRPC_LIBRARIES}); the NFS tests are left out")
+                   "libtirpc (${QS_TIRPC_LIBRARIES}); no NFS test is linked or run")
 endif()
 
 # qs_rpcgen(<target> <definition.x>...)
@@ -108,3 +108,17 @@ set(QS_NFS_SERVER_SCRIPT ${PROJECT_SOURCE_DIR}/tests/nfs/qsNFSServer.sh)
 set(QS_NFS_STATE_DIR ${CMAKE_BINARY_DIR}/nfs-server)
 set(QS_NFS_EXPORT ${QS_NFS_STATE_DIR}/export)
 set(QS_NFS_RUN ${QS_NFS_SERVER_SCRIPT} run ${QS_NFS_STATE_DIR})
+
+# qs_add_nfs_gtest(<target> <arguments of qs_add_gtest>...)
+# qs_add_gtest where the NFS client links; elsewhere the sources are only
+# compiled, so that such a tree still catches their compile errors.
+function(qs_add_nfs_gtest target)
+    if(QS_NFS_LINKS)
+        qs_add_gtest(${target} ${ARGN})
+        return()
+    endif()
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENV;LABELS;FIXTURES;LAUNCHER" ${ARGN})
+    add_library(${target} OBJECT ${ARG_SOURCES})
+    target_link_libraries(${target} PRIVATE CommonLib GTest::gtest)
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+endfunction()

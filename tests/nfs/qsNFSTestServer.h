@@ -33,8 +33,12 @@ inline unsigned long Loopback() {
     return htonl(INADDR_LOOPBACK);
 }
 
+// Set by CTest; by hand: QS_NFS_EXPORT=<tree>/nfs-server/export
+// tests/nfs/qsNFSServer.sh run <tree>/nfs-server <tree>/tests/nfs/nfs_tests
 inline std::string ExportDir() {
     const char* dir = getenv("QS_NFS_EXPORT");
+    if (!dir || !*dir)
+        ADD_FAILURE() << "QS_NFS_EXPORT is not set";
     return dir ? dir : "";
 }
 
