@@ -1,6 +1,5 @@
-// Host resolution through the resolver, against the names the NFS test
-// server's hosts file adds (qsNFSTest.hosts); its name service is the hosts
-// file alone.
+// Host resolution, against the names the NFS test server's hosts file adds
+// (qsNFSTest.hosts); its name service is the hosts file alone.
 
 #include "qsLog.h"
 #include "qsLogRecords.h"
@@ -23,6 +22,13 @@ TEST(GetHostIPAddresses, NamesGoToTheResolverUnlessTheyAreDottedQuads) {
         const char* host;
         std::vector<unsigned long> addresses;
     } cases[] = {
+        // leading backslashes and slashes skipped; no resolver needed
+        {"10.1.2.3", {Address("10.1.2.3")}},
+        {"\\\\10.1.2.3", {Address("10.1.2.3")}},
+        {"//10.1.2.3", {Address("10.1.2.3")}},
+        {"\\/\\127.0.0.1", {Address("127.0.0.1")}},
+        // INADDR_NONE stays first, and the resolver is asked as well
+        {"255.255.255.255", {INADDR_NONE, INADDR_NONE}},
         {"localhost", {Address("127.0.0.1")}},
         // every address, in the resolver's order; GetHostIPAddress: the first
         {"multi.qs.test", {Address("192.0.2.1"), Address("192.0.2.2"), Address("192.0.2.3")}},
@@ -41,11 +47,16 @@ TEST(GetHostIPAddresses, NamesGoToTheResolverUnlessTheyAreDottedQuads) {
         EXPECT_EQ(qsNetUtils::GetHostIPAddress(c.host, first, false), 0) << c.host;
         EXPECT_EQ(first, c.addresses.front()) << c.host;
     }
+
+    // Appended to what the list holds.
+    std::vector<unsigned long> list{Address("192.0.2.1")};
+    EXPECT_EQ(qsNetUtils::GetHostIPAddresses("10.1.2.3", list, false), 0);
+    EXPECT_EQ(list, (std::vector<unsigned long>{Address("192.0.2.1"), Address("10.1.2.3")}));
 }
 
 // Logged once, with the name as given after its leading slashes and the
 // resolver's error (1: host not found).
-TEST(GetHostIPAddresses, UnknownNameIsLoggedAndFails) {
+TEST(GetHostIPAddresses, UnknownNamesAreLoggedAndBadInputRefused) {
     std::vector<unsigned long> found;
     long result = qsNetUtils::GetHostIPAddresses("\\\\no-such-host.qs.test", found, false);
     EXPECT_EQ(qsStatus(result), QS_E_HOST_UNRESOLVED);
@@ -61,5 +72,10 @@ TEST(GetHostIPAddresses, UnknownNameIsLoggedAndFails) {
     unsigned long untouched = 7;
     EXPECT_EQ(qsStatus(qsNetUtils::GetHostIPAddress("no-such-host.qs.test", untouched, false)),
               QS_E_HOST_UNRESOLVED);
+    for (const char* bad : {static_cast<const char*>(nullptr), ""}) {
+        EXPECT_EQ(qsStatus(qsNetUtils::GetHostIPAddresses(bad, found, false)), QS_E_INVALIDARG);
+        EXPECT_EQ(qsStatus(qsNetUtils::GetHostIPAddress(bad, untouched, false)), QS_E_INVALIDARG);
+    }
+    EXPECT_TRUE(found.empty());
     EXPECT_EQ(untouched, 7u);
 }

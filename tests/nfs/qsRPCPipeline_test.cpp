@@ -34,7 +34,7 @@ bool_t DecodeNothing(XDR*, void*) {
 }
 
 // What the test's own program answers to one call.
-enum class Answer { Garbage, Denied, ProgUnavail, SuccessWithVerifier, Empty };
+enum class Answer { Garbage, Denied, ProgUnavail, SuccessWithVerifier, Truncated, Empty };
 
 std::vector<uint32_t> ReplyWords(Answer answer, uint32_t xid) {
     constexpr uint32_t kReply = 1, kAccepted = 0, kDenied = 1, kAuthError = 1, kBadCred = 1,
@@ -46,6 +46,8 @@ std::vector<uint32_t> ReplyWords(Answer answer, uint32_t xid) {
         return {xid, kReply, kAccepted, kAuthNone, 0, kProgUnavail};
     case Answer::SuccessWithVerifier: // an 8-byte verifier body, then no results
         return {xid, kReply, kAccepted, kAuthNone, 8, 0x01020304, 0x05060708, kSuccess};
+    case Answer::Truncated: // a reply that stops after its direction
+        return {xid, kReply};
     default:
         return {};
     }
@@ -157,9 +159,10 @@ TEST(RPCPipeline, GetattrRepliesFromTheServerMatchTheirCalls) {
 }
 
 // The results other than success: a datagram that is no reply, a denied
-// reply, an accepted one that failed, and an empty datagram.  The id is
-// reported for every reply, failed ones included.  A success whose verifier
-// has a body frees it (the leak checker of the sanitizer build watches).
+// reply, an accepted one that failed, an empty datagram, and a reply cut
+// short after a longer one.  The id is reported for every reply, failed
+// ones included.  A success whose verifier has a body frees it (the leak
+// checker of the sanitizer build watches).
 TEST(RPCPipeline, ErrorRepliesFromAProgramOfOurOwn) {
     const int program = 0x3F5B0000 + (getpid() & 0xFFFF);
     struct {
@@ -170,6 +173,7 @@ TEST(RPCPipeline, ErrorRepliesFromAProgramOfOurOwn) {
         {Answer::Garbage, RPC_CANTDECODERES, false},      {Answer::Denied, RPC_FAILED, true},
         {Answer::ProgUnavail, RPC_FAILED, true},          {Answer::Empty, RPC_TIMEDOUT, false},
         {Answer::SuccessWithVerifier, RPC_SUCCESS, true},
+        {Answer::Truncated, RPC_CANTDECODERES, false},
     };
     std::vector<Answer> script;
     for (const auto& c : cases)

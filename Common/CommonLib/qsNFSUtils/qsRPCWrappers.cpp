@@ -154,18 +154,17 @@ clnt_stat RPCClientImpl::RecvReply(xdrproc_t decode, char* result, unsigned int&
     ssize_t received = recvfrom(m_Socket, inBuffer, sizeof inBuffer, 0, nullptr, nullptr);
     if (received < 1)
         return RPC_TIMEDOUT;
-    // The stream spans the whole buffer; what follows this datagram must not
-    // be the tail of an earlier, longer one, or a truncated reply could
-    // decode as a whole one.
-    memset(inBuffer + received, 0, sizeof inBuffer - size_t(received));
 
     rpc_msg reply{};
     opaque_auth& verifier = reply.acpted_rply.ar_verf;
     verifier = _null_auth;
     reply.acpted_rply.ar_results.where = result;
     reply.acpted_rply.ar_results.proc = decode;
+    // Only the datagram's own bytes: over the whole buffer, a truncated reply
+    // would decode as a complete one, its missing tail read from zeros or
+    // from an earlier, longer reply.
     XDR xdrs;
-    xdrmem_create(&xdrs, inBuffer, sizeof inBuffer, XDR_DECODE);
+    xdrmem_create(&xdrs, inBuffer, u_int(received), XDR_DECODE);
     bool decoded = xdr_replymsg(&xdrs, &reply);
     // Only an accepted reply has a verifier; in a denied one the same bytes
     // hold the rejection.

@@ -64,7 +64,7 @@ public:
     // id, also for a reply that reports an error; matching it to a call is
     // the caller's business.  Returns RPC_SUCCESS; RPC_TIMEDOUT when nothing
     // (or an empty datagram) was received; RPC_CANTDECODERES for a datagram
-    // that is not a reply (xid then unset); RPC_FAILED for a denied reply or
+    // that is not a whole reply (xid then unset); RPC_FAILED for a denied reply or
     // an accepted one whose status is not SUCCESS.  Whatever the result, free
     // the result record afterwards with xdr_free(decode, result); it must be
     // zero-filled before the call.

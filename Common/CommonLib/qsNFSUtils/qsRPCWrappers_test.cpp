@@ -1,10 +1,8 @@
 #include "qsRPCWrappers.h"
 
 #include "qsNFSStatus.h"
-#include "qsNetUtils.h"
 #include "qsSysInfo.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -29,10 +27,6 @@ UnixCredential Decode(const opaque_auth& cred) {
                        std::vector<unsigned>(parms.aup_gids, parms.aup_gids + parms.aup_len)};
     xdr_free(qsNFSUtils::XdrProc(xdr_authunix_parms), reinterpret_cast<char*>(&parms));
     return out;
-}
-
-unsigned long Address(const char* dotted) {
-    return inet_addr(dotted);
 }
 
 } // namespace
@@ -66,40 +60,4 @@ TEST(CreateRPCAuth, RefusedCredentialsLeaveNothing) {
         EXPECT_LT(result, 0);
         EXPECT_EQ(untouched, reinterpret_cast<RPCAuth*>(0x1));
     }
-}
-
-// Texts that name an address need no name service.  (Names that do are
-// resolved in tests/nfs, against the NFS test server's own hosts file.)
-TEST(GetHostIPAddresses, AddressTextsAndBadInput) {
-    struct {
-        const char* host;
-        std::vector<unsigned long> addresses;
-    } cases[] = {
-        {"10.1.2.3", {Address("10.1.2.3")}},
-        {"\\\\10.1.2.3", {Address("10.1.2.3")}},
-        {"//10.1.2.3", {Address("10.1.2.3")}},
-        {"\\/\\127.0.0.1", {Address("127.0.0.1")}},
-        // INADDR_NONE stays first, and the resolver is asked as well.
-        {"255.255.255.255", {INADDR_NONE, INADDR_NONE}},
-    };
-    for (const auto& c : cases) {
-        std::vector<unsigned long> found;
-        EXPECT_EQ(qsNetUtils::GetHostIPAddresses(c.host, found, false), 0) << c.host;
-        EXPECT_EQ(found, c.addresses) << c.host;
-        unsigned long first = 0;
-        EXPECT_EQ(qsNetUtils::GetHostIPAddress(c.host, first, true), 0) << c.host;
-        EXPECT_EQ(first, c.addresses.front()) << c.host;
-    }
-
-    std::vector<unsigned long> list{Address("192.0.2.1")};
-    EXPECT_EQ(qsNetUtils::GetHostIPAddresses("10.1.2.3", list, false), 0);
-    EXPECT_EQ(list, (std::vector<unsigned long>{Address("192.0.2.1"), Address("10.1.2.3")}));
-
-    unsigned long untouched = 7;
-    for (const char* bad : {static_cast<const char*>(nullptr), ""}) {
-        EXPECT_EQ(qsStatus(qsNetUtils::GetHostIPAddresses(bad, list, false)), QS_E_INVALIDARG);
-        EXPECT_EQ(qsStatus(qsNetUtils::GetHostIPAddress(bad, untouched, false)), QS_E_INVALIDARG);
-    }
-    EXPECT_EQ(list.size(), 2u);
-    EXPECT_EQ(untouched, 7u);
 }
