@@ -24,7 +24,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(QS_TIRPC QUIET libtirpc)
 find_program(QS_RPCGEN rpcgen)
 if(NOT QS_TIRPC_FOUND OR NOT QS_RPCGEN)
-    message(FATAL_ERROR "The NFS client needs libtirpc's headers and rpcgen: run scripts/deps.sh nfs")
+    message(FATAL_ERROR "The NFS client needs libtirpc's headers and rpcgen: run scripts/deps.sh build")
 endif()
 
 # Probed on every configure, so that a library installed since is found.

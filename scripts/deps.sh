@@ -6,13 +6,13 @@
 set -euo pipefail
 
 declare -A GROUP=(
-    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest"
+    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest libtirpc-dev rpcsvc-proto"
     [tools]="libcli11-dev nlohmann-json3-dev"
     [bench]="libbenchmark-dev libspdlog-dev libgoogle-glog-dev rsyslog"
     [fuzz]="clang libclang-rt-14-dev"
     [m32]="g++-multilib"
     [m32libs]="libtirpc-dev:i386 libcrypt-dev:i386"
-    # The NFS client and the real server its tests run against.
+    # The NFS client and the real server its tests run against (tests/nfs).
     [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
 )
 
