@@ -13,10 +13,17 @@ if(NOT TEST qs-clean-test-logs)
 endif()
 
 # qs_add_gtest(<target> SOURCES <files...> [LIBS <libs...>] [ENV <VAR=value...>]
-#              [TIMEOUT <seconds>] [LABELS <labels...>])
+#              [TIMEOUT <seconds>] [LABELS <labels...>] [FIXTURES <names...>]
+#              [LAUNCHER <command...>])
+# FIXTURES: further fixtures every case requires.  LAUNCHER: each case runs
+# as `command... <test program> --gtest_filter=<case>`.
 function(qs_add_gtest target)
-    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENV;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENV;LABELS;FIXTURES;LAUNCHER" ${ARGN})
     add_executable(${target} ${ARG_SOURCES})
+    if(ARG_LAUNCHER)
+        # add_test puts a target's emulator in front of the program.
+        set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_LAUNCHER}")
+    endif()
     target_link_libraries(${target} PRIVATE CommonLib GTest::gtest GTest::gtest_main ${ARG_LIBS})
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
     gtest_add_tests(TARGET ${target} SOURCES ${ARG_SOURCES} TEST_LIST cases)
@@ -27,7 +34,7 @@ function(qs_add_gtest target)
         string(REGEX REPLACE "[^A-Za-z0-9_.-]" "_" dir "${case}")
         set_tests_properties(${case} PROPERTIES
             ENVIRONMENT "QS_LOG_DIR=${QS_TEST_LOG_ROOT}/${dir};${ARG_ENV}"
-            FIXTURES_REQUIRED qs-test-logs
+            FIXTURES_REQUIRED "qs-test-logs;${ARG_FIXTURES}"
             TIMEOUT ${ARG_TIMEOUT}
             LABELS "${ARG_LABELS}")
     endforeach()

@@ -1,18 +1,22 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs)
 # Packages named NAME:i386 bring in the i386 architecture first.  Installs
 # what can be had; exits non-zero, with apt's last words on stderr (per
 # package when there were several), when something cannot be had.
 set -euo pipefail
 
 declare -A GROUP=(
-    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest libcrypt-dev"
+    [build]="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest libcrypt-dev libtirpc-dev rpcsvc-proto"
     [tools]="libcli11-dev nlohmann-json3-dev"
     [bench]="libbenchmark-dev libspdlog-dev libgoogle-glog-dev rsyslog"
     [fuzz]="clang libclang-rt-14-dev"
-    [m32]="g++-multilib libcrypt-dev:i386"
-    [m32libs]="libtirpc-dev:i386"
+    [m32]="g++-multilib"
+    # Installed one by one when the group fails, so a mirror that lacks one
+    # (libtirpc-dev:i386 needs a libssl3:i386 some mirrors miss) still gets the other.
+    [m32libs]="libcrypt-dev:i386 libtirpc-dev:i386"
+    # The NFS client and the real server its tests run against (tests/nfs).
+    [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
 )
 
 wanted=()

@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 jobs=$(nproc)
 fuzz_seconds=${QS_FUZZ_SECONDS:-15}
 
-scripts/deps.sh build tools fuzz
+scripts/deps.sh build tools fuzz nfs
 
 echo "== build and test (build/)"
 scripts/build.sh build -DQS_BUILD_TESTS=ON
