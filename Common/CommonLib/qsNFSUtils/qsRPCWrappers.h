@@ -19,7 +19,7 @@
 namespace qsNFSUtils {
 
 // The transports a browse object may use for NFS.
-enum eUseProtocol {
+enum eUseProtocol : int {
     eUseTCP = 0,
     eUseUDP = 1,
     eUseTCPThenUDP = 2, // TCP, and UDP when no TCP client can be created
