@@ -9,7 +9,6 @@
 #include <cstring>
 #include <cwchar>
 #include <new>
-#include <vector>
 
 static_assert(sizeof(wchar_t) == 4, "wide records store 4-byte units");
 
@@ -22,7 +21,8 @@ constexpr DWORD kOpenLockTimeoutMs = 30000;
 constexpr DWORD kMaxSizeKB = 1048576;
 constexpr DWORD kMaxSnapshotBytes = 1073741824;
 constexpr size_t kMaxPath = 260;
-constexpr DWORD kCopyBufferBytes = 4096;
+// The resize record that follows the records a resize carries over.
+constexpr DWORD kResizeRecStride = ZLogRecActualSize(LOG_REC_HEADER_SIZE + 8);
 // Room for the rewritten format of a message; longer formats are used as given.
 constexpr size_t kPlainFormatBytes = 256;
 
@@ -244,10 +244,14 @@ qsStatus ZLogStream::InitialiseFile(DWORD sizeKB) {
 }
 
 // Carries the records of a file of another size over into a new image of
-// sizeKB, oldest first and renumbered from 1, so that a smaller file keeps
-// the newest records that fit.  The new image is built in a private mapping
-// of a temporary file and written over the log file only when every record
-// was copied.  Returns true when the file now holds the new image.
+// sizeKB: the newest that fit (all of them when growing) with room left for
+// the resize record, oldest first and renumbered from 1.  They are found by
+// the walk from the newest record back, which reaches every intact record;
+// the cursors' forward rule can stop short at the wrap point and would lose
+// the newest ones.  The new image is built in a private mapping of a
+// temporary file and written over the log file only when it holds at least
+// one record.  The lock is held throughout.  Returns true when the file now
+// holds the new image.
 bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) {
     const DWORD newSizeBytes = sizeKB << 10;
     char tmpPath[kMaxPath + 8];
@@ -256,49 +260,18 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
     bool done = false;
 
     try {
-        // The cursors below need a valid stream over the old image.  Each of
-        // their steps takes and releases the lock, and one release frees it
-        // however often it was taken, so from the first step on the open goes
-        // on without it: nobody shares the mutex yet, it was just created.
-        m_State = STREAM_SIG_VALID;
-        m_pImage = static_cast<ZLogFile*>(
+        auto* old = static_cast<const ZLogFile*>(
             m_File.MapFile(nullptr, PAGE_READONLY, 0, oldSizeBytes, nullptr));
-        m_ImageBytes = oldSizeBytes;
         void* newImage = nullptr;
-        if (m_pImage &&
-            qsSucceeded(tmp.CreateFileA(tmpPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                        CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY, nullptr)))
+        if (old && qsSucceeded(tmp.CreateFileA(tmpPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                               CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY, nullptr)))
             newImage = tmp.MapFile(nullptr, PAGE_READWRITE, 0, newSizeBytes, nullptr);
 
-        bool copiedLast = false;
-        if (newImage) {
-            auto* fresh = new (newImage) ZLogFile(sizeKB);
-            std::vector<unsigned char> buffer(kCopyBufferBytes);
-            for (iterator_base it = rbegin(); it.IsValid(); it.NextRec()) {
-                copiedLast = false;
-                DWORD size = DWORD(buffer.size());
-                ZLogRecInfo info;
-                qsStatus s = it.GetRecData(buffer.data(), &size, &info);
-                if (s == QS_E_BUFFER_TOO_SMALL) {
-                    buffer.assign(size, 0);
-                    s = it.GetRecData(buffer.data(), &size, &info);
-                }
-                if (qsFailed(s))
-                    break;
-                void* payload = nullptr;
-                s = fresh->NewRecord(info.GetTimestamp(), info.GetProcessId(), info.GetThreadId(),
-                                     info.GetType(), info.GetFlags(), size, &payload);
-                if (qsFailed(s))
-                    break;
-                memcpy(payload, buffer.data(), size);
-                copiedLast = true;
-            }
-        }
-
+        DWORD copied = 0;
+        if (newImage)
+            copied = (new (newImage) ZLogFile(sizeKB))->CopyNewestRecords(*old, kResizeRecStride);
         m_File.UnMapFile();
-        m_pImage = nullptr;
-        m_ImageBytes = 0;
-        if (copiedLast) {
+        if (copied) {
             DWORD written = 0;
             done = m_File.SetFilePointer(LONG(newSizeBytes), nullptr, FILE_BEGIN) !=
                        INVALID_SET_FILE_POINTER &&
@@ -311,15 +284,12 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
         qsLogEventStringA("unhandled exception resizing", LONG(QS_E_EXCEPTION), qsLogSevError,
                           nullptr);
         m_File.UnMapFile();
-        m_pImage = nullptr;
-        m_ImageBytes = 0;
         done = false;
     }
 
     tmp.UnMapFile();
     tmp.CloseHandle();
     DeleteFileA(tmpPath);
-    m_State = STREAM_SIG_OPENING;
     return done;
 }
 
