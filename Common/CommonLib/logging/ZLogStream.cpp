@@ -46,9 +46,8 @@ DWORD CappedLength(int formatted, DWORD cap) {
 
 ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD flushInterval,
                        bool writeStartRec)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
-      m_FlushInterval(flushInterval), m_bMapped(true), m_OpenStatus(QS_E_NOT_VALID) {
-    ResetMemberVariables(true, flushInterval);
+    : m_FlushInterval(flushInterval), m_bMapped(true) {
+    KeepFailuresToItself();
     // Streams are opened from a static initialiser before main: nothing may
     // escape from here.
     try {
@@ -59,11 +58,8 @@ ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD fl
     }
 }
 
-ZLogStream::ZLogStream(const char* path)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
-      m_FlushInterval(16384),
-      m_bMapped(false), m_OpenStatus(QS_E_NOT_VALID) {
-    ResetMemberVariables(false, 16384);
+ZLogStream::ZLogStream(const char* path) : m_FlushInterval(16384), m_bMapped(false) {
+    KeepFailuresToItself();
     try {
         m_OpenStatus = OpenSnapshot(path);
     } catch (...) {
@@ -72,13 +68,25 @@ ZLogStream::ZLogStream(const char* path)
     }
 }
 
+// The stream's own file and lock report nothing through the logging calls:
+// the stream may be the default one, and a report from inside an append
+// would be appended under the held lock, whose nested release (one release
+// frees it) would leave the rest of the outer append unlocked.  Their
+// failures come back as status codes instead.
+void ZLogStream::KeepFailuresToItself() {
+    m_File.SetLogErrors(false);
+    m_Mutex.SetLogErrors(false);
+}
+
 ZLogStream::~ZLogStream() {
     // A stream whose lock cannot be had is left unflushed and untouched: its
-    // holder may be in the middle of a record.
+    // holder may be in the middle of a record.  The image goes while the
+    // lock is held, so that a writer that was waiting for it finds no image
+    // rather than an unmapped one.
     if (qsSucceeded(LockLogfile(kLockTimeoutMs, kLockAttempts))) {
         TouchLogfile();
+        ReleaseImage();
         UnlockLogfile();
-        ReleaseResources();
         ResetMemberVariables(true, 16384);
     }
     m_Mutex.Close();
@@ -94,7 +102,8 @@ void ZLogStream::ResetMemberVariables(bool mapped, DWORD flushInterval) {
     m_bMapped = mapped;
 }
 
-void ZLogStream::ReleaseResources() {
+void ZLogStream::ReleaseImage() {
+    m_State = STREAM_SIG_INVALID;
     if (m_bMapped)
         m_File.UnMapFile();
     else if (m_pImage)
@@ -102,8 +111,11 @@ void ZLogStream::ReleaseResources() {
     m_pImage = nullptr;
     m_ImageBytes = 0;
     m_File.CloseHandle();
+}
+
+void ZLogStream::ReleaseResources() {
+    ReleaseImage();
     m_Mutex.Close();
-    m_State = STREAM_SIG_INVALID;
 }
 
 void ZLogStream::CreateAuxName(char* out, const char* path, const char* suffix) {
@@ -344,8 +356,11 @@ qsStatus ZLogStream::ReadSnapshot(DWORD size) {
 qsStatus ZLogStream::LockLogfile(DWORD timeoutMs, DWORD attempts) const {
     if (m_State != STREAM_SIG_VALID && m_State != STREAM_SIG_OPENING)
         return QS_E_NOT_VALID;
-    // Only a time-out is worth another attempt; the mutex reports any other
-    // failure itself when it logs errors.
+    return AcquireLock(timeoutMs, attempts);
+}
+
+// Only a time-out is worth another attempt.
+qsStatus ZLogStream::AcquireLock(DWORD timeoutMs, DWORD attempts) const {
     qsStatus s = QS_W_TIMEOUT;
     for (DWORD i = 0; i < attempts; ++i) {
         s = m_Mutex.Lock(timeoutMs);
@@ -387,11 +402,15 @@ void ZLogStream::Lock::ReleaseLock() {
 // Writing
 
 qsStatus ZLogStream::WriteRec(const void* data, DWORD size, qsLogRecType type, DWORD flags) {
+    if (!IsValid())
+        return QS_E_NOT_VALID;
     return Append(type, flags, size, nullptr, [&](void* payload) { memcpy(payload, data, size); });
 }
 
 qsStatus ZLogStream::WriteRec(const void* data, DWORD size, const FILETIME& time, DWORD processId,
                               DWORD threadId, qsLogRecType type, DWORD flags) {
+    if (!IsValid())
+        return QS_E_NOT_VALID;
     RecordOrigin origin{time, processId, threadId};
     return Append(type, flags, size, &origin,
                   [&](void* payload) { memcpy(payload, data, size); });
@@ -399,13 +418,13 @@ qsStatus ZLogStream::WriteRec(const void* data, DWORD size, const FILETIME& time
 
 // Places one record and lets `fill` write its payload straight into the
 // mapping, all under the lock.  This is the whole append path: no allocation,
-// no system call beyond what the lock needs.
+// no system call beyond what the lock needs.  The caller has checked the
+// state word once; under the lock only the image itself is checked, since
+// another process may have resized the file.
 template <typename Fill>
 qsStatus ZLogStream::Append(qsLogRecType type, DWORD flags, DWORD size, const RecordOrigin* origin,
                             Fill fill) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
+    qsStatus s = AcquireLock(kLockTimeoutMs, kLockAttempts);
     if (qsFailed(s))
         return s;
     if (!ImageIntact()) {
@@ -522,7 +541,7 @@ qsStatus ZLogStream::ClearRecs() {
     qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
     if (qsFailed(s))
         return s;
-    s = m_pImage->ClearRecs();
+    s = ImageIntact() ? m_pImage->ClearRecs() : QS_E_NOT_VALID;
     UnlockLogfile();
     return s;
 }
@@ -534,6 +553,22 @@ qsStatus ZLogStream::Flush() {
     s = FlushLogfile();
     UnlockLogfile();
     return s;
+}
+
+// Taken for a moment only, so that no append of this process is half done
+// when every later one is made to find the image no longer its own (as after
+// a resize by another process) and give up before it writes.  The lock is
+// then held by this process only for the moment of that test, so the
+// process is most unlikely to end holding the lock it shares with its forked
+// relatives.  The flush needs no lock and is made without it, so that the
+// relatives' appends never wait behind the disk.
+qsStatus ZLogStream::FlushForExit() {
+    qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
+    if (qsFailed(s))
+        return s;
+    m_ImageBytes = 0;
+    UnlockLogfile();
+    return FlushLogfile();
 }
 
 // The mapping is flushed synchronously only every flush-interval records; in

@@ -385,9 +385,17 @@ qsStatus qsLogPrintQsExceptionMessage(const char* where, const qsException& e, q
 
 namespace {
 
-void StopLoggingAtExit() {
-    qsLogStreamObjectsTerm();
-    g_LoggingInitialized = false;
+// At exit other threads may still be inside a logging call with a stream's
+// pointer already read, so the streams are not destroyed here: their objects
+// and mappings live until the process is gone.  The mapping is shared, so
+// every record is already in the page cache; flushing is all that is left
+// to do.  Appends that come later are refused, so that the process does not
+// end in the middle of one, holding the lock its forked relatives share.
+// StopLogging() still closes the streams for callers that stop on purpose.
+void FlushLoggingAtExit() {
+    for (qsLogStreamInfo& entry : g_ZLogInfo)
+        if (ZLogStream* stream = *entry.stream)
+            stream->FlushForExit();
 }
 
 // The default streams are open before main, so that a program's first
@@ -397,7 +405,7 @@ struct AutoStart {
     AutoStart() {
         if (g_bLoggingDoAutoInit && !g_LoggingInitialized)
             qsLogInitDll(reinterpret_cast<HANDLE>(intptr_t(getpid())));
-        atexit(StopLoggingAtExit);
+        atexit(FlushLoggingAtExit);
     }
 } g_AutoStart;
 
