@@ -20,6 +20,7 @@
 #include "ZLogStream.h"
 #include "floorRing.h"
 #include "qsLog.h"
+#include "qsLogState.h"
 
 #include <benchmark/benchmark.h>
 #include <glog/logging.h>

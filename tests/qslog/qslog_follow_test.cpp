@@ -113,7 +113,7 @@ TEST(QslogFollow, EndsWhenTheFileIsReplaced) {
 // process opened before main; qslog follows the same file.
 TEST(QslogFollow, FollowsTheRealWatcher) {
     std::string marker = "watcher test start " + std::to_string(getpid());
-    ASSERT_EQ(qsLogPrintfA(0, 1, "%hs", marker.c_str()), QS_OK);
+    ASSERT_EQ(qsLogPrintfA(0, 1, "%s", marker.c_str()), QS_OK);
     QslogProcess q({"-f"});
     ASSERT_TRUE(q.ReadUntilContains(marker)) << q.Err();
 

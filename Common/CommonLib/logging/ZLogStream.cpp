@@ -1,6 +1,7 @@
 #include "ZLogStream.h"
 
 #include "qsLogFormat.h"
+#include "qsLogState.h"
 #include "qsWinApi.h"
 
 #include <algorithm>

@@ -4,6 +4,7 @@
 #include "ZLogStream.h"
 #include "qsException.h"
 #include "qsLogGuard.h"
+#include "qsLogState.h"
 #include "qsLogSwitchMap.h"
 #include "qsWinApi.h"
 
@@ -14,6 +15,11 @@
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
+
+// "%hs" is this system's spelling of a narrow string in log formats; the
+// compiler's format check takes the 'h' for undefined, so its format
+// warnings are off in this file, whose log calls all use it.
+#pragma GCC diagnostic ignored "-Wformat"
 
 ZLogStream* g_pZLogStreamDefault = nullptr;
 ZLogStream* g_pZLogStreamEvents = nullptr;
@@ -31,8 +37,6 @@ qsLogStreamInfo g_ZLogInfo[QS_LOG_STREAM_COUNT] = {
 bool g_LogInfoMessages = false;
 __attribute__((weak)) bool g_bLoggingDoAutoInit = true;
 bool g_LoggingInitialized = false;
-DWORD g_CurrentProcessId = 0;
-HANDLE g_hInstance = nullptr;
 
 // Defined before the automatic start below, so that both exist when it runs.
 std::map<std::string, uint32_t> g_traceSwitchMap;
@@ -321,12 +325,12 @@ void qsLogStreamObjectsTerm() {
     }
 }
 
-qsStatus qsLogInitDll(HANDLE module) {
+// The process id and the module handle are not kept: nothing read them, and
+// a recorded process id was wrong in every forked child.
+qsStatus qsLogInitDll(HANDLE) {
     if (g_LoggingInitialized)
         qsLogStreamObjectsTerm();
     g_LoggingInitialized = true;
-    g_CurrentProcessId = DWORD(getpid());
-    g_hInstance = module;
     return qsLogStreamObjectsInit(nullptr);
 }
 
@@ -344,8 +348,6 @@ qsStatus StartLogging(bool restart, const char* dir, DWORD defaultSize, DWORD ev
     if (g_LoggingInitialized)
         return QS_OK;
     g_LoggingInitialized = true;
-    g_CurrentProcessId = DWORD(getpid());
-    g_hInstance = reinterpret_cast<HANDLE>(intptr_t(getpid()));
     qsLogStreamObjectsInit(dir);
     return QS_OK;
 }

@@ -3,6 +3,7 @@
 #include "qsException.h"
 #include "qsLogGuard.h"
 #include "qsLogRecords.h"
+#include "qsLogState.h"
 #include "qsLogSwitchMap.h"
 #include "qsTestSupport.h"
 #include "qsWinApi.h"
