@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -38,11 +39,16 @@ namespace {
 
 // An opener tests the creator's mark this many times, one second apart.
 constexpr int CREATOR_WAIT_TESTS = 4;
-// Looks at a held lock word before a locker goes to sleep.  A holder keeps
-// the mutex for a few dozen nanoseconds (one record), so a contended locker
-// nearly always gets it within the spin and never enters the kernel; the
-// spin is short enough to cost little when the holder was preempted.
-constexpr int SPIN_TESTS = 200;
+// Looks at a held lock word before a locker goes to sleep, first between
+// pauses (some tens of microseconds in all), then after giving up the core.
+// A holder keeps the mutex for a few dozen nanoseconds (one record), or for
+// a page fault when its record lands on a page this process has not touched
+// yet, so a contended locker nearly always gets it within the pauses.  A
+// holder that lost its core gets it back through the yields, in the common
+// case that the locker was what took it.  Both keep the locker out of the
+// timed wait, whose deadline is refused in the second half of a second.
+constexpr int SPIN_TESTS = 1000;
+constexpr int YIELD_TESTS = 16;
 
 const pthread_t NO_THREAD = pthread_t(-1);
 
@@ -285,8 +291,11 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
         block->m_Count++;
         return QS_OK;
     }
-    for (int i = 0; i < SPIN_TESTS; i++) {
-        Pause();
+    for (int i = 0; i < SPIN_TESTS + YIELD_TESTS; i++) {
+        if (i < SPIN_TESTS)
+            Pause();
+        else
+            sched_yield();
         if (LoadWord(block) == ZMUTEX_FREE && TryTake(block)) {
             BecomeOwner(block);
             return QS_OK;
