@@ -9,12 +9,13 @@
 #include "qsLog.h"
 #include "qsWinApi.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -39,16 +40,23 @@ namespace {
 
 // An opener tests the creator's mark this many times, one second apart.
 constexpr int CREATOR_WAIT_TESTS = 4;
-// Looks at a held lock word before a locker goes to sleep, first between
-// pauses (some tens of microseconds in all), then after giving up the core.
-// A holder keeps the mutex for a few dozen nanoseconds (one record), or for
-// a page fault when its record lands on a page this process has not touched
-// yet, so a contended locker nearly always gets it within the pauses.  A
-// holder that lost its core gets it back through the yields, in the common
-// case that the locker was what took it.  Both keep the locker out of the
-// timed wait, whose deadline is refused in the second half of a second.
-constexpr int SPIN_TESTS = 1000;
-constexpr int YIELD_TESTS = 16;
+// Before its timed wait a contended locker looks at the lock word once after
+// SPIN_PAUSES pauses (a few microseconds), then once after each of up to
+// BACKOFF_NAPS naps of BACKOFF_NAP_NS (a few milliseconds in all, never more
+// than the caller's time limit).  A holder keeps the mutex for one record,
+// or for the page fault of a first write to a page, so the locker nearly
+// always gets it during the back-off, and the timed wait, whose deadline is
+// refused in the second half of a second, is left to a mutex held for long.
+// The naps, not a longer spin: handing the mutex over costs far more than
+// holding it (the lock's and the log's cache lines move with it), so two
+// writers that took turns at every record would together write fewer than
+// one alone.  Left alone for a nap, a holder that appends again soon takes
+// the mutex again with all of them still its own, and a napping locker
+// leaves its core, and the hardware it may share with the holder's, to the
+// holder.
+constexpr int SPIN_PAUSES = 256;
+constexpr int BACKOFF_NAPS = 40;
+constexpr long BACKOFF_NAP_NS = 50000;
 
 const pthread_t NO_THREAD = pthread_t(-1);
 
@@ -291,15 +299,21 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
         block->m_Count++;
         return QS_OK;
     }
-    for (int i = 0; i < SPIN_TESTS + YIELD_TESTS; i++) {
-        if (i < SPIN_TESTS)
-            Pause();
-        else
-            sched_yield();
+    for (int i = 0; i < SPIN_PAUSES; i++)
+        Pause();
+    const int64_t naps =
+        timeoutMs == ZMUTEX_INFINITE
+            ? BACKOFF_NAPS
+            : std::min<int64_t>(BACKOFF_NAPS, int64_t(timeoutMs) * 1000000 / BACKOFF_NAP_NS);
+    for (int64_t nap = 0;; nap++) {
         if (LoadWord(block) == ZMUTEX_FREE && TryTake(block)) {
             BecomeOwner(block);
             return QS_OK;
         }
+        if (nap == naps)
+            break;
+        timespec pause{0, BACKOFF_NAP_NS};
+        nanosleep(&pause, nullptr);
     }
     return LockSlowly(block, timeoutMs);
 }

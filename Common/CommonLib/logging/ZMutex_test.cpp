@@ -238,12 +238,13 @@ TEST(ZMutexTest, LockerKilledWhileAsleepHangsNobody) {
     EXPECT_EQ(m.Lock(0), QS_OK);
 }
 
-// Many short holds by more lockers than there are cores, so that lockers go
-// to sleep and are woken all the time.  A holder keeps the mutex for a few
-// microseconds (now and then yielding its core while it holds it), so no
-// Lock() may run its whole time-out: one that does slept through releases,
-// a lost wake-up.  Rounds are short because a forgotten sleeper shows only
-// at the end of a round, when no later sleeper's wake-up rescues it.
+// Many short holds by more lockers than there are cores, and now and then
+// one longer than a locker's back-off, so that lockers go to sleep in the
+// timed wait and are woken all the time.  No hold comes near the time-out,
+// so no Lock() may run its whole time-out: one that does slept through
+// releases, a lost wake-up.  Rounds are short because a forgotten sleeper
+// shows only at the end of a round, when no later sleeper's wake-up rescues
+// it.
 TEST(ZMutexTest, NoLockerSleepsThroughAFreeMutex) {
     constexpr int kLockers = 4, kHolds = 40, kMaxRounds = 1500;
     // Whole seconds (a deadline never refused) and far beyond any hold, even
@@ -270,7 +271,7 @@ TEST(ZMutexTest, NoLockerSleepsThroughAFreeMutex) {
                         held = true;
                         int seen = counter;
                         if (i % 8 == 0)
-                            sched_yield();
+                            usleep(i % 16 == 0 ? 10000 : 0);
                         counter = seen + 1;
                         held = false;
                         m.Unlock();
