@@ -44,9 +44,7 @@ constexpr DWORD LOG_REC_FLAG_BOOKKEEPING = 2;
 constexpr DWORD LOG_REC_STRING_PREFIX = 8;
 
 // A record's stride: its size rounded up to a multiple of 4.
-template <typename T> constexpr T ZLogRecActualSize(T recSize) {
-    return T((recSize + 3) & ~T(3));
-}
+template <typename T> constexpr T ZLogRecActualSize(T recSize) { return T((recSize + 3) & ~T(3)); }
 
 // Timestamp, writer's process and thread, record id, flags and type.  Held
 // in native order when handed to readers; no conversion in the accessors.
@@ -59,30 +57,12 @@ public:
     DWORD GetFlags() const { return m_Flags; }
     qsLogRecType GetType() const { return m_Type; }
 
-    bool SetTimestamp(const FILETIME& t) {
-        m_Timestamp = t;
-        return true;
-    }
-    bool SetProcessId(DWORD v) {
-        m_ProcessId = v;
-        return true;
-    }
-    bool SetThreadId(DWORD v) {
-        m_ThreadId = v;
-        return true;
-    }
-    bool SetRecordId(DWORD v) {
-        m_RecordId = v;
-        return true;
-    }
-    bool SetFlags(DWORD v) {
-        m_Flags = v;
-        return true;
-    }
-    bool SetType(qsLogRecType v) {
-        m_Type = v;
-        return true;
-    }
+    bool SetTimestamp(const FILETIME& t) { m_Timestamp = t; return true; }
+    bool SetProcessId(DWORD v) { m_ProcessId = v; return true; }
+    bool SetThreadId(DWORD v) { m_ThreadId = v; return true; }
+    bool SetRecordId(DWORD v) { m_RecordId = v; return true; }
+    bool SetFlags(DWORD v) { m_Flags = v; return true; }
+    bool SetType(qsLogRecType v) { m_Type = v; return true; }
 
 private:
     FILETIME m_Timestamp;
@@ -97,7 +77,7 @@ private:
 // the record's own byte order, setters store as given.
 class ZLogRec {
 public:
-    bool IsValid() const; // signature matches in either byte order
+    bool IsValid() const;          // signature matches in either byte order
     bool IsOppositeEndian() const;
 
     DWORD GetSignature() const;
