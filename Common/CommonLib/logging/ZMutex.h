@@ -8,8 +8,10 @@
 //    already hold the mapping (in practice children forked later) share it;
 //    a later Create() of the same name makes a separate mutex.
 //  - The timed wait's deadline does not carry microseconds into seconds, so
-//    a contended wait started in the second half of a second can fail at
-//    once with 0xE0FF0102.
+//    a wait started in the second half of a second can fail at once with
+//    0xE0FF0102.  A contended Lock() first backs off for a few milliseconds
+//    at most (a short spin, then naps); only a mutex still held after that
+//    is waited for.
 //  - A process that dies holding the mutex leaves it locked for ever.
 #pragma once
 
