@@ -294,6 +294,11 @@ qsStatus ZMutex::Lock(DWORD timeoutMs) {
         BecomeOwner(block);
         return QS_OK;
     }
+    return LockHeld(block, timeoutMs);
+}
+
+// Out of line, so that the uncontended Lock() stays a few instructions.
+qsStatus ZMutex::LockHeld(ZMutexBlock* block, DWORD timeoutMs) {
     // The cached process id keeps this test free of system calls.
     if (IsOwner(block, pthread_self(), int32_t(GetCurrentProcessId()))) {
         block->m_Count++;

@@ -82,6 +82,7 @@ public:
 
 private:
     void Detach();
+    __attribute__((noinline)) qsStatus LockHeld(ZMutexBlock* block, DWORD timeoutMs);
     qsStatus LockSlowly(ZMutexBlock* block, DWORD timeoutMs);
     qsStatus LogLockFailure(qsStatus result);
 
