@@ -5,6 +5,7 @@
 // Usage: makeFuzzSeeds CORPUS_DIR   (writes CORPUS_DIR/{logimage,number,tokenize}/...)
 #include "ZLogStream.h"
 #include "qsBitUtils.h"
+#include "qsLogState.h"
 
 #include <cstring>
 #include <filesystem>

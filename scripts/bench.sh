@@ -43,7 +43,9 @@ function label(n) {
     if (n ~ /BM_write$/) return "one write(2) per message"
     if (n ~ /BM_syslog$/) return "syslog(3) to a local daemon"
     if (n ~ /BM_glog$/) return "glog"
+    if (n ~ /qsLogPrintfA_Append.*threads:1/) return "ours: 1 thread (wall clock)"
     if (n ~ /qsLogPrintfA_Append.*threads:2/) return "ours: 2 threads, one stream"
+    if (n ~ /Floor_Lock_Threads.*threads:1/) return "floor + lock: 1 thread (wall clock)"
     if (n ~ /Floor_Lock_Threads.*threads:2/) return "floor + lock: 2 threads"
     if (n ~ /Processes\/1\//) return "ours: 1 forked process"
     if (n ~ /Processes\/2\//) return "ours: 2 forked processes"
@@ -71,7 +73,10 @@ END {
     for (i = 1; i <= n; i++) {
         name = names[i]
         if (name !~ /threads:|Processes/) continue
-        ref = name ~ /Floor/ ? rate["BM_Floor_Lock"] : name ~ /Processes\/2/ ? rate[proc1] : one
+        # Two threads against one thread of the same pair, two processes
+        # against one: ratios within one run, by the same clock.
+        single = name; sub(/threads:2/, "threads:1", single)
+        ref = name ~ /threads:/ ? rate[single] : name ~ /Processes\/2/ ? rate[proc1] : one
         if (name ~ /Processes\/1\//) proc1 = name
         printf "%-52s %12.0f %10.2f %9s\n", label(name), rate[name], ref ? rate[name] / ref : 0, fail[name]
     }

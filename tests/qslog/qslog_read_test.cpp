@@ -141,7 +141,7 @@ TEST(QslogRead, FiltersSelectRecords) {
 // asked to read (-f, which waits for a missing log, is tested with follow).
 TEST(QslogRead, DefaultStreamAndNothingCreated) {
     std::string marker = "default stream marker " + std::to_string(getpid());
-    ASSERT_EQ(qsLogPrintfA(0, 1, "%hs", marker.c_str()), QS_OK);
+    ASSERT_EQ(qsLogPrintfA(0, 1, "%s", marker.c_str()), QS_OK);
     RunResult r = RunQslog({});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(Has(r.out, "normal: " + marker)) << r.out;

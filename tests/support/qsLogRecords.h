@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ZLogStream.h"
+#include "qsLogState.h" // the default streams, whose records tests read back
 
 #include <cstring>
 #include <string>

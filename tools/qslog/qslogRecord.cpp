@@ -88,12 +88,9 @@ bool ReadRecord(const ZLogFile* file, DWORD imageSize, const ZLogRec* rec, Recor
     if (at < base)
         return false;
     uint64_t offset = at - base;
-    if (offset < LOG_FILE_HEADER_SIZE || offset % 4 != 0 ||
-        offset + LOG_REC_HEADER_SIZE > imageSize || !rec->IsValid())
+    if (!ZLogFile::IsWholeRecordAt(file, imageSize, offset))
         return false;
     DWORD size = rec->GetRecSize();
-    if (size < LOG_REC_HEADER_SIZE || offset + size > imageSize || rec->GetRecInfoRecordId() == 0)
-        return false;
 
     out.offset = DWORD(offset);
     out.recSize = size;

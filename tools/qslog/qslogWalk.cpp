@@ -55,25 +55,18 @@ ChainSummary CollectRecords(LogImage& image, DWORD after, int file, std::vector<
     const DWORD size = image.Size();
     if (size < LOG_FILE_HEADER_SIZE + LOG_REC_HEADER_SIZE || f->RecordCount() == 0)
         return summary;
-    DWORD lastOffset = f->LastRecOffset();
-    Record newest;
-    if (lastOffset < LOG_FILE_HEADER_SIZE || lastOffset >= size ||
-        !ReadRecord(f, size, f->RecAt(lastOffset), newest))
-        return summary;
-
-    // Newest to oldest, along the previous offsets.
+    // Newest to oldest, along the previous offsets: the library's own walk.
     std::vector<Record> back;
     back.reserve(size / 64);
-    back.push_back(newest);
-    const ZLogRec* cur = f->RecAt(lastOffset);
-    while (back.back().Id() > after + 1) {
-        const ZLogRec* prev = f->PrevRec(cur);
+    const ZLogRec* cur = f->WalkNewestFirst([&](const ZLogRec* rec) {
         Record r;
-        if (!prev || !ReadRecord(f, size, prev, r) || r.Id() != back.back().Id() - 1)
-            break;
+        ReadRecord(f, size, rec, r);
         back.push_back(r);
-        cur = prev;
-    }
+        return r.Id() > after + 1;
+    });
+    if (!cur)
+        return summary;
+    const Record& newest = back.front();
     const DWORD oldestBack = back.back().Id();
 
     // The backward chain stops where a record was overwritten; the library's

@@ -1,11 +1,12 @@
 // Collecting the intact records of a log image, oldest first.
 //
-// The walk starts at the newest record and goes back along the previous
-// offsets (ZLogFile::PrevRec): that chain reaches every record still intact,
-// and, unlike the forward walk, it is not cut short by a record that ends
-// exactly at the end of the file.  Only when it breaks before the oldest
-// record (damage) does a forward walk from ZLogFile::FirstRec recover the
-// older part, and the records between the two parts become a gap.
+// The walk is the library's own, from the newest record back along the
+// previous offsets (ZLogFile::WalkNewestFirst): that chain reaches every
+// record still intact, and, unlike the forward walk, it is not cut short by
+// a record that ends exactly at the end of the file.  Only when it breaks
+// before the oldest record (damage) does a forward walk from
+// ZLogFile::FirstRec recover the older part, and the records between the two
+// parts become a gap.
 #pragma once
 
 #include "qslogImage.h"

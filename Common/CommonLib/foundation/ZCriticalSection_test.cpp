@@ -1,9 +1,12 @@
 #include "ZCriticalSection.h"
 
+#include "qsProcState.h"
+
 #include <atomic>
 #include <gtest/gtest.h>
 #include <new>
 #include <stdexcept>
+#include <sys/syscall.h>
 #include <thread>
 
 // Compiles only while the constructor is constexpr: a global lock is ready
@@ -29,12 +32,15 @@ TEST(ZCriticalSection, RecursiveOwnerExcludesOtherThreads) {
     cs.Lock();
     cs.Lock();
     std::atomic<bool> entered{false};
+    std::atomic<pid_t> tid{0};
     std::thread other([&] {
+        tid = pid_t(syscall(SYS_gettid));
         ZCriticalSection::Holder hold(cs);
         entered = true;
     });
     cs.Unlock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Still taken once: the other thread sleeps on it.
+    ASSERT_TRUE(qsTest::WaitUntil([&] { return tid && qsTest::AsleepIn(tid, SYS_futex); }));
     EXPECT_FALSE(entered);
     cs.Unlock();
     other.join();

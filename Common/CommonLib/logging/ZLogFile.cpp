@@ -305,6 +305,86 @@ bool ZLogFile::IsRecordValid(DWORD offset) const {
     return IsRecordValid(RecAt(offset), offset);
 }
 
+bool ZLogFile::IsWholeRecordAt(const void* image, DWORD imageSize, uint64_t offset) {
+    if (!image || !HoldsRecord(offset, imageSize))
+        return false;
+    auto* rec = reinterpret_cast<const ZLogRec*>(static_cast<const char*>(image) + offset);
+    DWORD size = rec->GetRecSize();
+    return rec->IsValid() && size >= LOG_REC_HEADER_SIZE && offset + size <= imageSize &&
+           rec->GetRecInfoRecordId() != 0;
+}
+
+const ZLogRec* ZLogFile::WholeRecAt(DWORD offset) const {
+    return IsWholeRecordAt(this, SizeInBytes(), offset) ? RecAt(offset) : nullptr;
+}
+
+// Two walks back over the same records: the first finds how many of the
+// newest fit and how much room they take, the second lays each one where it
+// belongs counted from the end of that room.  So the copy needs no list of
+// the records however many there are, and never depends on the forward
+// rule, which can stop short at the wrap point.
+DWORD ZLogFile::CopyNewestRecords(const ZLogFile& from, DWORD reserve) {
+    const uint64_t room = uint64_t(m_SizeInBytes) - LOG_FILE_HEADER_SIZE;
+    uint64_t used = reserve;
+    DWORD count = 0;
+    from.WalkNewestFirst([&](const ZLogRec* rec) {
+        uint64_t stride = ZLogRecActualSize(uint64_t(rec->GetRecSize()));
+        if (used + stride > room)
+            return false;
+        used += stride;
+        ++count;
+        return true;
+    });
+    if (count == 0)
+        return 0;
+
+    const DWORD end = DWORD(LOG_FILE_HEADER_SIZE + used - reserve);
+    DWORD offset = end, id = count;
+    ZLogRec* newer = nullptr;
+    from.WalkNewestFirst([&](const ZLogRec* rec) {
+        const DWORD size = rec->GetRecSize();
+        offset -= ZLogRecActualSize(size);
+        ZLogRecInfo info = rec->GetRecInfo();
+        auto* copy = reinterpret_cast<ZLogRec*>(
+            WriteRecHeader(offset, size, 0, id, info.GetTimestamp(), info.GetProcessId(),
+                           info.GetThreadId(), info.GetType(), info.GetFlags()));
+        const DWORD payload = size - LOG_REC_HEADER_SIZE;
+        memcpy(copy->Payload(), rec->Payload(), payload);
+        if (rec->IsOppositeEndian())
+            ZLogRec::ConvertPayload(info.GetType(), copy->Payload(), payload);
+        if (newer)
+            newer->SetPrevOffset(offset);
+        else
+            m_LastRecOffset = offset;
+        newer = copy;
+        return --id != 0;
+    });
+    m_NextRecOffset = end;
+    m_RecordCount = count;
+    m_WrapCount = 0;
+    return count;
+}
+
+// The header is composed aside and copied in whole: a damaged header's next
+// offset may be misaligned, and the record still goes exactly there.
+char* ZLogFile::WriteRecHeader(DWORD offset, DWORD recSize, DWORD prevOffset, DWORD recordId,
+                               const FILETIME& time, DWORD processId, DWORD threadId,
+                               qsLogRecType type, DWORD flags) {
+    ZLogRec header;
+    header.SetSignature(LOG_REC_SIGNATURE);
+    header.SetRecSize(recSize);
+    header.SetPrevOffset(prevOffset);
+    header.SetRecInfoProcessId(processId);
+    header.SetRecInfoThreadId(threadId);
+    header.SetRecInfoRecordId(recordId);
+    header.SetRecInfoFlags(flags);
+    header.SetRecInfoType(type);
+    header.SetRecInfoTimestamp(time);
+    char* at = reinterpret_cast<char*>(this) + offset;
+    memcpy(at, &header, sizeof header);
+    return at;
+}
+
 // The append path: header fields are used as stored (appending is defined
 // on a native image only), and the stride is formed in 64 bits so that a
 // huge payload size cannot wrap around into a small one.
@@ -321,21 +401,8 @@ qsStatus ZLogFile::NewRecord(const FILETIME& time, DWORD processId, DWORD thread
         m_WrapCount++;
     }
 
-    // The header is composed aside and copied in whole: a damaged header's
-    // next offset may be misaligned, and the record still goes exactly there.
-    ZLogRec header;
-    header.SetSignature(LOG_REC_SIGNATURE);
-    header.SetRecSize(DWORD(recSize));
-    header.SetPrevOffset(m_LastRecOffset);
-    header.SetRecInfoProcessId(processId);
-    header.SetRecInfoThreadId(threadId);
-    header.SetRecInfoRecordId(++m_RecordCount);
-    header.SetRecInfoFlags(flags);
-    header.SetRecInfoType(type);
-    header.SetRecInfoTimestamp(time);
-    char* at = reinterpret_cast<char*>(this) + offset;
-    memcpy(at, &header, sizeof header);
-
+    char* at = WriteRecHeader(offset, DWORD(recSize), m_LastRecOffset, ++m_RecordCount, time,
+                              processId, threadId, type, flags);
     m_LastRecOffset = offset;
     m_NextRecOffset = DWORD(offset + stride);
     if (payload)

@@ -154,6 +154,34 @@ public:
     bool IsRecordValid(const ZLogRec* rec, DWORD offset) const;
     bool IsRecordValid(DWORD offset) const;
 
+    // Whether a whole record lies at `offset` of an image of `imageSize`
+    // bytes: at a multiple of 4 in the record area, with a record signature
+    // in either byte order and a record id (ids start at 1), its size
+    // covering its own header, and header and payload wholly inside the
+    // image.  This is what every reader of the format besides the cursors
+    // (which keep their own rules) takes for "a record is there"; the image
+    // need not have a valid header.
+    static bool IsWholeRecordAt(const void* image, DWORD imageSize, uint64_t offset);
+    // The whole record at `offset` of this image (bounded by its size
+    // field), or null.
+    const ZLogRec* WholeRecAt(DWORD offset) const;
+
+    // The walk from the newest record to the oldest: the header's newest
+    // record, then along the previous offsets while the record there is
+    // whole and its id one less.  It reaches every record still intact,
+    // wherever placement wrapped, which the forward cursor rule does not.
+    // visit(const ZLogRec*) answers whether to go on to the next older one.
+    // Returns the last record visited, or null when the newest is not whole.
+    template <typename Visit> const ZLogRec* WalkNewestFirst(Visit visit) const;
+
+    // Fills this image, fresh from ZLogFile(sizeKB) and native, with the
+    // newest records of `from` that fit while leaving `reserve` bytes free
+    // (room for a record to follow): in order oldest first, renumbered from
+    // 1, placed from offset 28 without wrapping, with their time, process,
+    // thread, type and flags; payloads of the other byte order converted.
+    // Returns how many were copied (0: none fit, or `from` has none).
+    DWORD CopyNewestRecords(const ZLogFile& from, DWORD reserve);
+
     // Plain address arithmetic on the image, no checks.
     DWORD OffsetOf(const ZLogRec* rec) const;
     const ZLogRec* RecAt(DWORD offset) const;
@@ -173,6 +201,11 @@ public:
     qsStatus ClearRecs();
 
 private:
+    // Writes a record header at `offset`; returns the record's first byte.
+    char* WriteRecHeader(DWORD offset, DWORD recSize, DWORD prevOffset, DWORD recordId,
+                         const FILETIME& time, DWORD processId, DWORD threadId, qsLogRecType type,
+                         DWORD flags);
+
     DWORD m_Signature;
     DWORD m_Version;
     DWORD m_SizeInBytes;
@@ -181,6 +214,17 @@ private:
     DWORD m_RecordCount;
     DWORD m_WrapCount;
 };
+
+template <typename Visit> const ZLogRec* ZLogFile::WalkNewestFirst(Visit visit) const {
+    const ZLogRec* rec = WholeRecAt(LastRecOffset());
+    while (rec && visit(rec)) {
+        const ZLogRec* older = WholeRecAt(rec->GetPrevOffset());
+        if (!older || older->GetRecInfoRecordId() != rec->GetRecInfoRecordId() - 1)
+            break;
+        rec = older;
+    }
+    return rec;
+}
 
 static_assert(sizeof(ZLogRecInfo) == 28);
 static_assert(sizeof(ZLogRec) == LOG_REC_HEADER_SIZE);

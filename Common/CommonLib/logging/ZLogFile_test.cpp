@@ -64,6 +64,16 @@ V Header(const ZLogFile* f) {
     return {f->LastRecOffset(), f->NextRecOffset(), f->RecordCount(), f->WrapCount()};
 }
 
+// Offsets of the records the newest-first walk visits.
+V WalkBack(const ZLogFile* f) {
+    V seen;
+    f->WalkNewestFirst([&](const ZLogRec* rec) {
+        seen.push_back(f->OffsetOf(rec));
+        return seen.size() < 4096;
+    });
+    return seen;
+}
+
 } // namespace
 
 TEST(ZLogFileLayout, WorkedExampleOfOneKiB) {
@@ -136,6 +146,24 @@ TEST(ZLogFileLayout, ExactEndAndRefusals) {
     // finds id 4 instead of 3 and ends; from B itself it continues at 28.
     EXPECT_EQ(V{68}, Walk(img, f->FirstRec(), true));
     EXPECT_EQ((V{124, 28}), Walk(img, f->RecAt(124), true));
+    // The newest-first walk takes B for the whole record it is, and the copy
+    // that rests on it keeps all three, oldest first, renumbered.
+    EXPECT_TRUE(f->WholeRecAt(124) && !f->WholeRecAt(68 + 4) && !f->WholeRecAt(1024 - 36));
+    EXPECT_EQ((V{28, 124, 68}), WalkBack(f));
+    Image copy(2);
+    EXPECT_EQ(3u, copy.File()->CopyNewestRecords(*f, 48));
+    EXPECT_EQ((V{984, 84, 28}), WalkBack(copy.File()));
+    EXPECT_EQ((V{984, 1024, 3, 0}), Header(copy.File()));
+    EXPECT_EQ((V{40, 84, 3, 0, LOGREC_CLEAR}), Fields(copy.File()->RecAt(984)));
+    EXPECT_EQ((V{900, 28, 2, 0, LOGREC_STRING_A}), Fields(copy.File()->RecAt(84)));
+    // Room for the newest two only (A's 56 bytes would leave less than the
+    // 48 kept free); none at all.
+    Image small(1);
+    EXPECT_EQ(2u, small.File()->CopyNewestRecords(*f, 48));
+    EXPECT_EQ((V{928, 968, 2, 0}), Header(small.File()));
+    Image none(1);
+    EXPECT_EQ(0u, none.File()->CopyNewestRecords(*f, 1024));
+    EXPECT_EQ((V{0, 28, 0, 0}), Header(none.File()));
 
     std::vector<uint32_t> before = img.words;
     // Stride 1000 + 28 > 1024; 0xFFFFFFD8 + 40 is an empty record in 32 bits.
@@ -192,11 +220,26 @@ TEST(ZLogFileByteOrder, OppositeImageReadsBackConverted) {
     EXPECT_EQ(Header(n), Header(f));
     EXPECT_EQ(chain, Walk(img, f->FirstRec(), true));
     EXPECT_EQ(Walk(native, n->LastRec(), false), Walk(img, f->LastRec(), false));
+    EXPECT_EQ(WalkBack(n), WalkBack(f));
     // A stream reading the image as a file converts the same way.
     qsTest::TempDir dir;
     qsTest::WriteFileBytes(dir / "swapped.log", img.Bytes(), 1024);
     auto read = qsTest::ReadRecords(dir / "swapped.log");
     ASSERT_EQ(chain.size(), read.size());
+    // A copy of the opposite image is native and holds what a reader gets.
+    Image copy(2);
+    ASSERT_EQ(16u, copy.File()->CopyNewestRecords(*f, 48));
+    V copied = WalkBack(copy.File());
+    ASSERT_EQ(16u, copied.size());
+    for (size_t i = 0; i < 16; i++) {
+        const ZLogRec* c = copy.File()->RecAt(copied[15 - i]);
+        ZLogRecInfo ci = c->GetRecInfo();
+        ci.SetRecordId(read[i].info.GetRecordId());
+        EXPECT_FALSE(c->IsOppositeEndian());
+        EXPECT_EQ(0, memcmp(&ci, &read[i].info, sizeof ci)) << i;
+        auto* bytes = static_cast<const unsigned char*>(c->Payload());
+        EXPECT_EQ(read[i].payload, std::vector<unsigned char>(bytes, bytes + c->GetRecSize() - 40));
+    }
     for (size_t i = 0; i < chain.size(); i++) {
         DWORD o = chain[i];
         const ZLogRec *s = f->RecAt(o), *r = n->RecAt(o);
@@ -313,6 +356,10 @@ TEST(ZLogFileValidity, DamagedImagesWalkSafely) {
         ZLogFile* f = img.File();
         EXPECT_LE(Walk(img, f->FirstRec(), true).size(), 512u);
         EXPECT_LE(Walk(img, f->LastRec(), false).size(), 512u);
+        EXPECT_LE(WalkBack(f).size(), 512u);
+        Image copy(round % 4 ? 1 : 2);
+        copy.File()->CopyNewestRecords(*f, 48);
+        EXPECT_LE(WalkBack(copy.File()).size(), 512u);
         for (int k = 0; k < 8; k++) {
             DWORD o = pick();
             const ZLogRec* at = f->RecAt(o & ~3u);

@@ -1,6 +1,7 @@
 #include "ZLogStream.h"
 
 #include "qsLogFormat.h"
+#include "qsLogState.h"
 #include "qsWinApi.h"
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <cwchar>
 #include <new>
-#include <vector>
 
 static_assert(sizeof(wchar_t) == 4, "wide records store 4-byte units");
 
@@ -22,7 +22,8 @@ constexpr DWORD kOpenLockTimeoutMs = 30000;
 constexpr DWORD kMaxSizeKB = 1048576;
 constexpr DWORD kMaxSnapshotBytes = 1073741824;
 constexpr size_t kMaxPath = 260;
-constexpr DWORD kCopyBufferBytes = 4096;
+// The resize record that follows the records a resize carries over.
+constexpr DWORD kResizeRecStride = ZLogRecActualSize(LOG_REC_HEADER_SIZE + 8);
 // Room for the rewritten format of a message; longer formats are used as given.
 constexpr size_t kPlainFormatBytes = 256;
 
@@ -46,9 +47,8 @@ DWORD CappedLength(int formatted, DWORD cap) {
 
 ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD flushInterval,
                        bool writeStartRec)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
-      m_FlushInterval(flushInterval), m_bMapped(true), m_OpenStatus(QS_E_NOT_VALID) {
-    ResetMemberVariables(true, flushInterval);
+    : m_FlushInterval(flushInterval), m_bMapped(true) {
+    KeepFailuresToItself();
     // Streams are opened from a static initialiser before main: nothing may
     // escape from here.
     try {
@@ -59,11 +59,8 @@ ZLogStream::ZLogStream(const char* dir, const char* name, DWORD sizeKB, DWORD fl
     }
 }
 
-ZLogStream::ZLogStream(const char* path)
-    : m_State(STREAM_SIG_INVALID), m_pImage(nullptr), m_ImageBytes(0), m_RecsSinceFlush(0),
-      m_FlushInterval(16384),
-      m_bMapped(false), m_OpenStatus(QS_E_NOT_VALID) {
-    ResetMemberVariables(false, 16384);
+ZLogStream::ZLogStream(const char* path) : m_FlushInterval(16384), m_bMapped(false) {
+    KeepFailuresToItself();
     try {
         m_OpenStatus = OpenSnapshot(path);
     } catch (...) {
@@ -72,13 +69,25 @@ ZLogStream::ZLogStream(const char* path)
     }
 }
 
+// The stream's own file and lock report nothing through the logging calls:
+// the stream may be the default one, and a report from inside an append
+// would be appended under the held lock, whose nested release (one release
+// frees it) would leave the rest of the outer append unlocked.  Their
+// failures come back as status codes instead.
+void ZLogStream::KeepFailuresToItself() {
+    m_File.SetLogErrors(false);
+    m_Mutex.SetLogErrors(false);
+}
+
 ZLogStream::~ZLogStream() {
     // A stream whose lock cannot be had is left unflushed and untouched: its
-    // holder may be in the middle of a record.
+    // holder may be in the middle of a record.  The image goes while the
+    // lock is held, so that a writer that was waiting for it finds no image
+    // rather than an unmapped one.
     if (qsSucceeded(LockLogfile(kLockTimeoutMs, kLockAttempts))) {
         TouchLogfile();
+        ReleaseImage();
         UnlockLogfile();
-        ReleaseResources();
         ResetMemberVariables(true, 16384);
     }
     m_Mutex.Close();
@@ -94,7 +103,8 @@ void ZLogStream::ResetMemberVariables(bool mapped, DWORD flushInterval) {
     m_bMapped = mapped;
 }
 
-void ZLogStream::ReleaseResources() {
+void ZLogStream::ReleaseImage() {
+    m_State = STREAM_SIG_INVALID;
     if (m_bMapped)
         m_File.UnMapFile();
     else if (m_pImage)
@@ -102,8 +112,11 @@ void ZLogStream::ReleaseResources() {
     m_pImage = nullptr;
     m_ImageBytes = 0;
     m_File.CloseHandle();
+}
+
+void ZLogStream::ReleaseResources() {
+    ReleaseImage();
     m_Mutex.Close();
-    m_State = STREAM_SIG_INVALID;
 }
 
 void ZLogStream::CreateAuxName(char* out, const char* path, const char* suffix) {
@@ -244,10 +257,14 @@ qsStatus ZLogStream::InitialiseFile(DWORD sizeKB) {
 }
 
 // Carries the records of a file of another size over into a new image of
-// sizeKB, oldest first and renumbered from 1, so that a smaller file keeps
-// the newest records that fit.  The new image is built in a private mapping
-// of a temporary file and written over the log file only when every record
-// was copied.  Returns true when the file now holds the new image.
+// sizeKB: the newest that fit (all of them when growing) with room left for
+// the resize record, oldest first and renumbered from 1.  They are found by
+// the walk from the newest record back, which reaches every intact record;
+// the cursors' forward rule can stop short at the wrap point and would lose
+// the newest ones.  The new image is built in a private mapping of a
+// temporary file and written over the log file only when it holds at least
+// one record.  The lock is held throughout.  Returns true when the file now
+// holds the new image.
 bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) {
     const DWORD newSizeBytes = sizeKB << 10;
     char tmpPath[kMaxPath + 8];
@@ -256,49 +273,18 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
     bool done = false;
 
     try {
-        // The cursors below need a valid stream over the old image.  Each of
-        // their steps takes and releases the lock, and one release frees it
-        // however often it was taken, so from the first step on the open goes
-        // on without it: nobody shares the mutex yet, it was just created.
-        m_State = STREAM_SIG_VALID;
-        m_pImage = static_cast<ZLogFile*>(
+        auto* old = static_cast<const ZLogFile*>(
             m_File.MapFile(nullptr, PAGE_READONLY, 0, oldSizeBytes, nullptr));
-        m_ImageBytes = oldSizeBytes;
         void* newImage = nullptr;
-        if (m_pImage &&
-            qsSucceeded(tmp.CreateFileA(tmpPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                        CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY, nullptr)))
+        if (old && qsSucceeded(tmp.CreateFileA(tmpPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                               CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY, nullptr)))
             newImage = tmp.MapFile(nullptr, PAGE_READWRITE, 0, newSizeBytes, nullptr);
 
-        bool copiedLast = false;
-        if (newImage) {
-            auto* fresh = new (newImage) ZLogFile(sizeKB);
-            std::vector<unsigned char> buffer(kCopyBufferBytes);
-            for (iterator_base it = rbegin(); it.IsValid(); it.NextRec()) {
-                copiedLast = false;
-                DWORD size = DWORD(buffer.size());
-                ZLogRecInfo info;
-                qsStatus s = it.GetRecData(buffer.data(), &size, &info);
-                if (s == QS_E_BUFFER_TOO_SMALL) {
-                    buffer.assign(size, 0);
-                    s = it.GetRecData(buffer.data(), &size, &info);
-                }
-                if (qsFailed(s))
-                    break;
-                void* payload = nullptr;
-                s = fresh->NewRecord(info.GetTimestamp(), info.GetProcessId(), info.GetThreadId(),
-                                     info.GetType(), info.GetFlags(), size, &payload);
-                if (qsFailed(s))
-                    break;
-                memcpy(payload, buffer.data(), size);
-                copiedLast = true;
-            }
-        }
-
+        DWORD copied = 0;
+        if (newImage)
+            copied = (new (newImage) ZLogFile(sizeKB))->CopyNewestRecords(*old, kResizeRecStride);
         m_File.UnMapFile();
-        m_pImage = nullptr;
-        m_ImageBytes = 0;
-        if (copiedLast) {
+        if (copied) {
             DWORD written = 0;
             done = m_File.SetFilePointer(LONG(newSizeBytes), nullptr, FILE_BEGIN) !=
                        INVALID_SET_FILE_POINTER &&
@@ -311,15 +297,12 @@ bool ZLogStream::ResizeFile(const char* path, DWORD oldSizeBytes, DWORD sizeKB) 
         qsLogEventStringA("unhandled exception resizing", LONG(QS_E_EXCEPTION), qsLogSevError,
                           nullptr);
         m_File.UnMapFile();
-        m_pImage = nullptr;
-        m_ImageBytes = 0;
         done = false;
     }
 
     tmp.UnMapFile();
     tmp.CloseHandle();
     DeleteFileA(tmpPath);
-    m_State = STREAM_SIG_OPENING;
     return done;
 }
 
@@ -374,8 +357,11 @@ qsStatus ZLogStream::ReadSnapshot(DWORD size) {
 qsStatus ZLogStream::LockLogfile(DWORD timeoutMs, DWORD attempts) const {
     if (m_State != STREAM_SIG_VALID && m_State != STREAM_SIG_OPENING)
         return QS_E_NOT_VALID;
-    // Only a time-out is worth another attempt; the mutex reports any other
-    // failure itself when it logs errors.
+    return AcquireLock(timeoutMs, attempts);
+}
+
+// Only a time-out is worth another attempt.
+qsStatus ZLogStream::AcquireLock(DWORD timeoutMs, DWORD attempts) const {
     qsStatus s = QS_W_TIMEOUT;
     for (DWORD i = 0; i < attempts; ++i) {
         s = m_Mutex.Lock(timeoutMs);
@@ -417,11 +403,15 @@ void ZLogStream::Lock::ReleaseLock() {
 // Writing
 
 qsStatus ZLogStream::WriteRec(const void* data, DWORD size, qsLogRecType type, DWORD flags) {
+    if (!IsValid())
+        return QS_E_NOT_VALID;
     return Append(type, flags, size, nullptr, [&](void* payload) { memcpy(payload, data, size); });
 }
 
 qsStatus ZLogStream::WriteRec(const void* data, DWORD size, const FILETIME& time, DWORD processId,
                               DWORD threadId, qsLogRecType type, DWORD flags) {
+    if (!IsValid())
+        return QS_E_NOT_VALID;
     RecordOrigin origin{time, processId, threadId};
     return Append(type, flags, size, &origin,
                   [&](void* payload) { memcpy(payload, data, size); });
@@ -429,13 +419,13 @@ qsStatus ZLogStream::WriteRec(const void* data, DWORD size, const FILETIME& time
 
 // Places one record and lets `fill` write its payload straight into the
 // mapping, all under the lock.  This is the whole append path: no allocation,
-// no system call beyond what the lock needs.
+// no system call beyond what the lock needs.  The caller has checked the
+// state word once; under the lock only the image itself is checked, since
+// another process may have resized the file.
 template <typename Fill>
 qsStatus ZLogStream::Append(qsLogRecType type, DWORD flags, DWORD size, const RecordOrigin* origin,
                             Fill fill) {
-    if (m_State != STREAM_SIG_VALID)
-        return QS_E_NOT_VALID;
-    qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
+    qsStatus s = AcquireLock(kLockTimeoutMs, kLockAttempts);
     if (qsFailed(s))
         return s;
     if (!ImageIntact()) {
@@ -552,7 +542,7 @@ qsStatus ZLogStream::ClearRecs() {
     qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
     if (qsFailed(s))
         return s;
-    s = m_pImage->ClearRecs();
+    s = ImageIntact() ? m_pImage->ClearRecs() : QS_E_NOT_VALID;
     UnlockLogfile();
     return s;
 }
@@ -564,6 +554,22 @@ qsStatus ZLogStream::Flush() {
     s = FlushLogfile();
     UnlockLogfile();
     return s;
+}
+
+// Taken for a moment only, so that no append of this process is half done
+// when every later one is made to find the image no longer its own (as after
+// a resize by another process) and give up before it writes.  The lock is
+// then held by this process only for the moment of that test, so the
+// process is most unlikely to end holding the lock it shares with its forked
+// relatives.  The flush needs no lock and is made without it, so that the
+// relatives' appends never wait behind the disk.
+qsStatus ZLogStream::FlushForExit() {
+    qsStatus s = LockLogfile(kLockTimeoutMs, kLockAttempts);
+    if (qsFailed(s))
+        return s;
+    m_ImageBytes = 0;
+    UnlockLogfile();
+    return FlushLogfile();
 }
 
 // The mapping is flushed synchronously only every flush-interval records; in

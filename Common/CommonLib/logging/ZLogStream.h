@@ -58,6 +58,11 @@ public:
                      va_list args);
     qsStatus ClearRecs();
     qsStatus Flush();
+    // For the end of the process while other threads may still be logging:
+    // flushes, and from then on this object's appends and cursor steps
+    // answer 0xE0FF0103 without taking the lock for longer than a test.  The
+    // object and its mapping stay as they are.
+    qsStatus FlushForExit();
 
     // Header fields read without the lock; -1 when the stream is not valid.
     int32_t SizeInBytes() const;
@@ -160,22 +165,25 @@ private:
     bool ImageIntact() const;
     template <typename Find> iterator_base CursorAt(Find find) const;
     qsStatus LockLogfile(DWORD timeoutMs, DWORD attempts) const;
+    qsStatus AcquireLock(DWORD timeoutMs, DWORD attempts) const;
     qsStatus UnlockLogfile() const;
     void CheckFlushLogfile();
     qsStatus FlushLogfile();
     qsStatus TouchLogfile();
+    void KeepFailuresToItself();
+    void ReleaseImage();
     void ReleaseResources();
     void ResetMemberVariables(bool mapped, DWORD flushInterval);
 
-    uint32_t m_State;               // first word: STREAM_SIG_*
+    uint32_t m_State = STREAM_SIG_INVALID; // first word
     mutable ZFile m_File;
-    ZLogFile* m_pImage;
-    DWORD m_ImageBytes;             // bytes mapped or copied at m_pImage
+    ZLogFile* m_pImage = nullptr;
+    DWORD m_ImageBytes = 0; // bytes mapped or copied at m_pImage
     // Written by every append: on a cache line of its own, so that writers in
     // other threads do not lose the read-mostly fields around it each time.
-    alignas(64) DWORD m_RecsSinceFlush;
+    alignas(64) DWORD m_RecsSinceFlush = 0;
     DWORD m_FlushInterval;
     alignas(64) mutable ZMutex m_Mutex; // named after the file; private in the snapshot form
     bool m_bMapped;
-    qsStatus m_OpenStatus;
+    qsStatus m_OpenStatus = QS_E_NOT_VALID;
 };

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <new>
+#include <random>
 #include <sys/wait.h>
 #include <tuple>
 
@@ -96,41 +98,175 @@ TEST(ZLogStreamOpen, DamagedFileHeldByAnotherOpenerIsLeftAlone) {
     munmap(theirs, sizeof *theirs);
 }
 
-// Growing keeps every record, shrinking the newest that fit; either way all
-// are copied renumbered from 1, and a resize record follows.  A stream that
-// had the file open (processes that open it independently do not share its
-// lock) must then stop rather than trust a header that describes more than
-// it has mapped.
-TEST(ZLogStreamResize, RecordsAreCarriedOverRenumberedAndFollowedByAResizeRecord) {
-    TempDir dir;
-    DWORD oldKB = 4;
-    for (DWORD newKB : {16u, 2u}) {
-        auto old = Open(dir, oldKB);
-        for (int i = 0; i < 30; ++i)
-            ASSERT_EQ(Print(*old, "%02d %s", i, std::string(40, 'p').c_str()), QS_OK);
-        std::vector<LogRecord> before = ReadRecords(dir / kName);
-        auto s = Open(dir, newKB);
-        ASSERT_TRUE(s->IsValid()) << std::hex << s->OpenStatus();
-        EXPECT_EQ(file_size(dir / kName), newKB * 1024);
-        EXPECT_FALSE(std::filesystem::exists(dir / kName + "_tmp"));
-        EXPECT_EQ(Print(*old, "late"), QS_E_NOT_VALID);
-        EXPECT_TRUE(old->begin().IsEnd());
+namespace {
 
-        std::vector<LogRecord> after = ReadRecords(*s);
-        ASSERT_TRUE(after.size() > 10 && after.size() <= before.size() + 1);
-        size_t dropped = before.size() + 1 - after.size();
-        EXPECT_EQ(dropped == 0, newKB > oldKB);
-        for (size_t i = 0; i < after.size(); i++) {
-            EXPECT_EQ(after[i].info.GetRecordId(), dropped + i + 1);
-            EXPECT_TRUE(i + 1 == after.size() || (after[i].Type() == before[dropped + i].Type() &&
-                                                  after[i].payload == before[dropped + i].payload))
-                << i;
-        }
-        EXPECT_EQ(after.back().Type(), LOGREC_RESIZE);
-        EXPECT_EQ((std::vector<int>{after.back().Word(0), after.back().Word(1)}),
-                  (std::vector<int>{int(oldKB), int(newKB)}));
-        oldKB = newKB;
+// One record of a log image as placed, and what it holds.
+struct PlacedRecord {
+    DWORD offset = 0, recSize = 0, id = 0;
+    FILETIME time{};
+    DWORD processId = 0, threadId = 0, flags = 0;
+    std::string payload;
+};
+
+// A log image written by the library's own placement, beside a model of the
+// ring kept independently: where each record went, and which are still
+// intact (no byte of them written over by a newer record).
+struct RingImage {
+    std::vector<uint64_t> words;
+    std::vector<PlacedRecord> placed;
+    DWORD sizeKB, next = LOG_FILE_HEADER_SIZE;
+
+    explicit RingImage(DWORD kb) : words(kb * 128), sizeKB(kb) { new (Bytes()) ZLogFile(kb); }
+    uint8_t* Bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
+    DWORD Size() const { return sizeKB << 10; }
+
+    void Add(const std::string& text, DWORD processId, DWORD threadId, DWORD flags) {
+        PlacedRecord r;
+        r.payload = std::string(8, '\x01') + text;
+        r.recSize = DWORD(LOG_REC_HEADER_SIZE + r.payload.size());
+        DWORD stride = (r.recSize + 3) / 4 * 4;
+        if (next + stride > Size())
+            next = LOG_FILE_HEADER_SIZE;
+        r.offset = next;
+        next += stride;
+        r.id = DWORD(placed.size() + 1);
+        r.time = {r.id * 7919u, 0x01D00000};
+        r.processId = processId;
+        r.threadId = threadId;
+        r.flags = flags;
+        void* p = nullptr;
+        auto* file = reinterpret_cast<ZLogFile*>(Bytes());
+        ASSERT_EQ(file->NewRecord(r.time, processId, threadId, LOGREC_STRING_A, flags,
+                                  DWORD(r.payload.size()), &p),
+                  QS_OK);
+        memcpy(p, r.payload.data(), r.payload.size());
+        ASSERT_EQ(file->LastRecOffset(), r.offset) << "the model places records elsewhere";
+        placed.push_back(r);
     }
+
+    // The intact records, newest first: going back from the newest, each
+    // record whose bytes no newer record wrote, up to the first one written
+    // over.
+    std::vector<PlacedRecord> Intact() const {
+        std::vector<bool> written(Size());
+        std::vector<PlacedRecord> intact;
+        for (auto r = placed.rbegin(); r != placed.rend(); ++r) {
+            for (DWORD b = r->offset; b < r->offset + r->recSize; ++b)
+                if (written[b])
+                    return intact;
+            std::fill(written.begin() + r->offset, written.begin() + r->offset + r->recSize, true);
+            intact.push_back(*r);
+        }
+        return intact;
+    }
+};
+
+DWORD Word(const std::vector<uint8_t>& bytes, size_t at) {
+    DWORD w = 0;
+    memcpy(&w, bytes.data() + at, 4);
+    return w;
+}
+
+// Checks that the file holds exactly `kept` (oldest first) renumbered from 1
+// and laid one after another from offset 28, then the resize record.
+void ExpectResized(const std::vector<uint8_t>& file, const std::vector<PlacedRecord>& kept,
+                   DWORD oldKB, DWORD newKB, const std::string& round) {
+    ASSERT_EQ(file.size(), newKB * 1024u) << round;
+    DWORD at = LOG_FILE_HEADER_SIZE, prev = 0;
+    for (size_t i = 0; i < kept.size(); ++i) {
+        const PlacedRecord& r = kept[i];
+        const std::string what = round + ", record " + std::to_string(i + 1);
+        ASSERT_EQ(Word(file, at), LOG_REC_SIGNATURE) << what;
+        ASSERT_EQ(Word(file, at + 24), i + 1) << what;
+        EXPECT_EQ(Word(file, at + 4), r.recSize) << what;
+        EXPECT_EQ(Word(file, at + 36), prev) << what;
+        EXPECT_EQ(std::make_tuple(Word(file, at + 8), Word(file, at + 12), Word(file, at + 16),
+                                  Word(file, at + 20), Word(file, at + 28), Word(file, at + 32)),
+                  std::make_tuple(r.time.dwLowDateTime, r.time.dwHighDateTime, r.processId,
+                                  r.threadId, r.flags, LOGREC_STRING_A))
+            << what;
+        EXPECT_EQ(std::string(file.begin() + at + 40, file.begin() + at + r.recSize), r.payload)
+            << what;
+        prev = at;
+        at += (r.recSize + 3) / 4 * 4;
+    }
+    const DWORD count = DWORD(kept.size() + 1);
+    ASSERT_EQ(Word(file, at + 24), count) << round << ": the resize record";
+    EXPECT_EQ(std::make_tuple(Word(file, at + 32), Word(file, at + 36), Word(file, at + 40),
+                              Word(file, at + 44)),
+              std::make_tuple(LOGREC_RESIZE, prev, oldKB, newKB))
+        << round;
+    EXPECT_EQ(std::make_tuple(Word(file, 12), Word(file, 16), Word(file, 20), Word(file, 24)),
+              std::make_tuple(at, at + 48, count, 0u))
+        << round << ": the header";
+}
+
+} // namespace
+
+// Wrapped logs of mixed record sizes (among them records that end exactly
+// at the end of the file, and stale headers from older laps at the wrap
+// point) resized up and down: the file keeps exactly the newest intact
+// records that fit with the resize record, as the ring model says, oldest
+// first and renumbered from 1.  The first round is a 1 KiB log of 4- and
+// 24-byte messages grown to 4 KiB.
+TEST(ZLogStreamResize, KeepsExactlyTheNewestRecordsThatFit) {
+    TempDir dir;
+    const std::string path = dir / kName;
+    std::mt19937 rng(2024);
+    const DWORD sizes[] = {1, 2, 4, 16, 32};
+    for (int round = 0; round < 60; ++round) {
+        DWORD oldKB = round == 0 ? 1 : sizes[rng() % 5];
+        DWORD newKB = round == 0 ? 4 : sizes[rng() % 5];
+        if (newKB == oldKB)
+            newKB = oldKB == 32 ? 16 : oldKB * 2;
+        RingImage image(oldKB);
+        const int records = int(image.Size() / 40) + int(rng() % (image.Size() / 20));
+        for (int i = 0; i < records; ++i) {
+            DWORD length = round == 0  ? (i % 2 ? 24 : 4)
+                           : rng() % 3 ? rng() % 301
+                                       : (rng() % 2 ? 4 : 24);
+            std::string text(length, char('a' + i % 26));
+            image.Add(text, rng(), rng(), rng() % 4);
+        }
+        ASSERT_FALSE(HasFatalFailure());
+        std::vector<PlacedRecord> kept;
+        DWORD used = ZLogRecActualSize(LOG_REC_HEADER_SIZE + 8);
+        for (const PlacedRecord& r : image.Intact()) {
+            used += (r.recSize + 3) / 4 * 4;
+            if (LOG_FILE_HEADER_SIZE + used > newKB * 1024)
+                break;
+            kept.insert(kept.begin(), r);
+        }
+        qsTest::WriteFileBytes(path, image.Bytes(), image.Size());
+
+        const std::string what = "round " + std::to_string(round) + ", " + std::to_string(oldKB) +
+                                 " KiB to " + std::to_string(newKB) + " KiB";
+        auto s = Open(dir, newKB);
+        ASSERT_TRUE(s->IsValid()) << what << std::hex << s->OpenStatus();
+        s.reset();
+        ExpectResized(qsTest::ReadFileBytes(path), kept, oldKB, newKB, what);
+        ASSERT_FALSE(HasFailure()) << what;
+        std::filesystem::remove(path);
+    }
+}
+
+// The temporary file goes, and a stream that had the file open (processes
+// that open it independently do not share its lock) stops rather than trust
+// a header that describes more than it has mapped.
+TEST(ZLogStreamResize, AnEarlierOpenerOfTheFileStops) {
+    TempDir dir;
+    auto old = Open(dir, 4);
+    ASSERT_EQ(Print(*old, "before"), QS_OK);
+    auto s = Open(dir, 16);
+    ASSERT_TRUE(s->IsValid()) << std::hex << s->OpenStatus();
+    EXPECT_EQ(file_size(dir / kName), 16u * 1024);
+    EXPECT_FALSE(std::filesystem::exists(dir / kName + "_tmp"));
+    EXPECT_EQ(Print(*old, "late"), QS_E_NOT_VALID);
+    EXPECT_TRUE(old->begin().IsEnd());
+    std::vector<LogRecord> after = ReadRecords(*s);
+    ASSERT_EQ(after.size(), 3u);
+    EXPECT_EQ(after[1].Text(), "before");
+    EXPECT_EQ(after[2].Type(), LOGREC_RESIZE);
 }
 
 TEST(ZLogStreamWrite, CapsWideTextsOriginAndClear) {

@@ -9,10 +9,11 @@
 #include "qsLog.h"
 #include "qsWinApi.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <climits>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
@@ -20,13 +21,18 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+// "%hs" is this system's spelling of a narrow string in log formats; the
+// compiler's format check takes the 'h' for undefined, so its format
+// warnings are off in this file, whose log calls all use it.
+#pragma GCC diagnostic ignored "-Wformat"
+
 #if defined(__i386__)
 static_assert(sizeof(ZMutexBlock) == 92, "mutex block layout");
 static_assert(offsetof(ZMutexBlock, m_Mutex) == 4, "mutex block layout");
 static_assert(offsetof(ZMutexBlock, m_Cond) == 28, "mutex block layout");
 static_assert(offsetof(ZMutexBlock, m_OwnerThread) == 76, "mutex block layout");
 static_assert(offsetof(ZMutexBlock, m_OwnerProcess) == 80, "mutex block layout");
-static_assert(offsetof(ZMutexBlock, m_Locked) == 84, "mutex block layout");
+static_assert(offsetof(ZMutexBlock, m_LockWord) == 84, "mutex block layout");
 static_assert(offsetof(ZMutexBlock, m_Count) == 88, "mutex block layout");
 #endif
 
@@ -34,21 +40,36 @@ namespace {
 
 // An opener tests the creator's mark this many times, one second apart.
 constexpr int CREATOR_WAIT_TESTS = 4;
-// Tests of the locked flag before a contended locker goes to sleep.
-constexpr int SPIN_TESTS = 256;
+// Before its timed wait a contended locker looks at the lock word once after
+// SPIN_PAUSES pauses (a few microseconds), then once after each of up to
+// BACKOFF_NAPS naps of BACKOFF_NAP_NS (a few milliseconds in all, never more
+// than the caller's time limit).  A holder keeps the mutex for one record,
+// or for the page fault of a first write to a page, so the locker nearly
+// always gets it during the back-off, and the timed wait, whose deadline is
+// refused in the second half of a second, is left to a mutex held for long.
+// The naps, not a longer spin: handing the mutex over costs far more than
+// holding it (the lock's and the log's cache lines move with it), so two
+// writers that took turns at every record would together write fewer than
+// one alone.  Left alone for a nap, a holder that appends again soon takes
+// the mutex again with all of them still its own, and a napping locker
+// leaves its core, and the hardware it may share with the holder's, to the
+// holder.
+constexpr int SPIN_PAUSES = 256;
+constexpr int BACKOFF_NAPS = 40;
+constexpr long BACKOFF_NAP_NS = 50000;
 
 const pthread_t NO_THREAD = pthread_t(-1);
 
 void ResetBlock(ZMutexBlock* block) {
     block->m_Mark = ZMUTEX_MARK_UNINITIALISED;
-    block->m_Locked = 0;
+    block->m_LockWord = ZMUTEX_FREE;
     block->m_OwnerThread = NO_THREAD;
     block->m_OwnerProcess = -1;
     block->m_Count = 0;
 }
 
-// The mark is how another process learns that the primitives before it are
-// ready, so it is published and read with release/acquire ordering.
+// The mark is how another process learns that the block is ready, so it is
+// published and read with release/acquire ordering.
 void SetMark(ZMutexBlock* block, uint32_t mark) {
     __atomic_store_n(&block->m_Mark, mark, __ATOMIC_RELEASE);
 }
@@ -57,14 +78,13 @@ bool IsInitialised(const ZMutexBlock* block) {
     return block && __atomic_load_n(&block->m_Mark, __ATOMIC_ACQUIRE) == ZMUTEX_MARK_INITIALISED;
 }
 
-// The locked flag is the lock word: taken by compare-and-swap, read by
-// spinning lockers, released by the owner.  The owner fields are read by
-// lockers testing for recursion while the owner may be clearing them, so
-// they too are accessed atomically.
-bool IsLocked(const ZMutexBlock* block) {
-    return __atomic_load_n(&block->m_Locked, __ATOMIC_RELAXED) != 0;
+uint32_t LoadWord(const ZMutexBlock* block) {
+    return __atomic_load_n(&block->m_LockWord, __ATOMIC_RELAXED);
 }
 
+// The owner fields are read by lockers testing for recursion while the
+// owner may be clearing them, so they are accessed atomically.  Only the
+// owner itself can find its own identity there.
 void SetOwner(ZMutexBlock* block, pthread_t thread, int32_t pid) {
     __atomic_store_n(&block->m_OwnerThread, thread, __ATOMIC_RELAXED);
     __atomic_store_n(&block->m_OwnerProcess, pid, __ATOMIC_RELAXED);
@@ -75,27 +95,17 @@ bool IsOwner(const ZMutexBlock* block, pthread_t self, int32_t pid) {
            __atomic_load_n(&block->m_OwnerProcess, __ATOMIC_RELAXED) == pid;
 }
 
-// Takes the mutex when it is free, or counts one more acquisition when the
-// caller already owns it.
-bool TryAcquire(ZMutexBlock* block, pthread_t self, int32_t pid) {
-    uint8_t expected = 0;
-    if (__atomic_compare_exchange_n(&block->m_Locked, &expected, uint8_t(1), false,
-                                    __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
-        block->m_Count++;
-        SetOwner(block, self, pid);
-        return true;
-    }
-    if (!IsOwner(block, self, pid))
-        return false;
+// The caller has just taken the lock word.  The process id is part of the
+// owner: a child forked by the owning thread has the same pthread_self().
+void BecomeOwner(ZMutexBlock* block) {
     block->m_Count++;
-    return true;
+    SetOwner(block, pthread_self(), int32_t(GetCurrentProcessId()));
 }
 
-// Takes the guard; one whose last holder died is made consistent and taken
-// over as it stands.
-int LockGuard(ZMutexBlock* block) {
-    int rc = pthread_mutex_lock(&block->m_Mutex);
-    return rc == EOWNERDEAD ? pthread_mutex_consistent(&block->m_Mutex) : rc;
+bool TryTake(ZMutexBlock* block) {
+    uint32_t expected = ZMUTEX_FREE;
+    return __atomic_compare_exchange_n(&block->m_LockWord, &expected, ZMUTEX_LOCKED, false,
+                                       __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
 }
 
 void Pause() {
@@ -109,13 +119,6 @@ ZMutexBlock* MapBlock(int fd) {
     return p == MAP_FAILED ? nullptr : static_cast<ZMutexBlock*>(p);
 }
 
-// The condition's two words.  A process-shared pthread condition is left
-// broken by a waiter killed in its wait (the next signaller then blocks for
-// ever inside pthread_cond_signal); these words keep no per-waiter state, so
-// a killed sleeper costs at most one needless wake-up.
-uint32_t* ReleaseSeq(ZMutexBlock* block) { return reinterpret_cast<uint32_t*>(&block->m_Cond); }
-uint32_t* SleeperFlag(ZMutexBlock* block) { return ReleaseSeq(block) + 1; }
-
 // Initialises the primitives of a block with the given sharing and sets the
 // mark; returns the failing call's error number, or 0.  A failure leaves the
 // mark unset, so the block refuses every Lock().
@@ -124,12 +127,6 @@ int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, int shari
     if (rc)
         return rc;
     rc = pthread_mutexattr_setpshared(mutexAttr, sharing);
-    // A process killed while it holds the guard (on its way to sleep) must
-    // not hang every other process on it for ever: the next one inherits
-    // the guard instead.  The mutex itself keeps its rule: a holder that
-    // dies leaves it held.
-    if (!rc && sharing == PTHREAD_PROCESS_SHARED)
-        rc = pthread_mutexattr_setrobust(mutexAttr, PTHREAD_MUTEX_ROBUST);
     if (!rc)
         rc = pthread_mutex_init(&block->m_Mutex, mutexAttr);
     pthread_mutexattr_destroy(mutexAttr);
@@ -140,23 +137,36 @@ int InitPrimitives(ZMutexBlock* block, pthread_mutexattr_t* mutexAttr, int shari
     return 0;
 }
 
-// Sleeps until the release sequence moves away from `seq`, the absolute
-// real-time `deadline` passes (null: no limit), or a signal or spurious
-// wake-up comes.  0 for a wake-up of any kind, ETIMEDOUT, or the error of a
-// wait that could not be made.  The guard is not held.
-int WaitForRelease(ZMutexBlock* block, uint32_t seq, const timespec* deadline, bool shared) {
+// Sleeps while the lock word still reads `expected`, until a wake-up, a
+// signal, or the absolute real-time `deadline` (null: no limit).  0 for a
+// wake-up of any kind (the caller looks at the word again), ETIMEDOUT, or
+// the error of a wait that could not be made.
+int WaitOnWord(ZMutexBlock* block, uint32_t expected, const timespec* deadline, bool shared) {
     int op = FUTEX_WAIT_BITSET | FUTEX_CLOCK_REALTIME | (shared ? 0 : FUTEX_PRIVATE_FLAG);
-    if (syscall(SYS_futex, ReleaseSeq(block), op, seq, deadline, nullptr,
+    if (syscall(SYS_futex, &block->m_LockWord, op, expected, deadline, nullptr,
                 FUTEX_BITSET_MATCH_ANY) == 0)
         return 0;
     return errno == EAGAIN || errno == EINTR ? 0 : errno;
 }
 
-// Wakes every sleeping locker; each tests the mutex again.  Called by the
-// releasing owner, only when a locker said it may be asleep.
-void WakeLockers(ZMutexBlock* block, bool shared) {
+void WakeOne(ZMutexBlock* block, bool shared) {
     int op = FUTEX_WAKE | (shared ? 0 : FUTEX_PRIVATE_FLAG);
-    syscall(SYS_futex, ReleaseSeq(block), op, INT_MAX, nullptr, nullptr, 0);
+    syscall(SYS_futex, &block->m_LockWord, op, 1, nullptr, nullptr, 0);
+}
+
+// The deadline of a timed wait, as the mutex has always formed it: the
+// microseconds of the time of day plus the milliseconds of the limit, made
+// nanoseconds, without carrying into the seconds.  A wait begun late in a
+// second gets a nanosecond part of 1e9 or more, which is refused (EINVAL,
+// 0xE0FF0102) before waiting at all.  Callers live with that; it must not be
+// corrected here.
+timespec Deadline(DWORD timeoutMs) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    timespec deadline;
+    deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
+    deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
+    return deadline;
 }
 
 } // namespace
@@ -269,84 +279,83 @@ qsStatus ZMutex::Create() {
     return QS_E_MUTEX_CREATE;
 }
 
-// Taking the mutex is one compare-and-swap of the locked flag; the guard is
-// taken only by lockers that go to sleep.  Every process that shares a block
-// runs this same code (the block is shared only with children forked after
-// Create), so the flag can be the lock word itself.
+// The lock word is a three-state futex word: free, locked, and locked with
+// lockers that may be asleep.  Taking it is one compare-and-swap from free;
+// a locker that has to sleep first marks the word contended, and a release
+// that finds that mark wakes one sleeper.  Every sleeper goes to sleep only
+// while the word still carries the mark (the kernel compares before it
+// queues), and every woken locker marks the word again before it looks, so
+// a release can never pass a sleeper by: the wake-up cannot be lost.
 qsStatus ZMutex::Lock(DWORD timeoutMs) {
     ZMutexBlock* block = m_pBlock;
     if (!IsInitialised(block))
         return LogLockFailure(QS_E_NOT_VALID);
-    // The process id is part of the owner: a child forked by the owning
-    // thread has the same pthread_self() value.  The cached id keeps this
-    // append-path call free of system calls.
-    pthread_t self = pthread_self();
-    int32_t pid = int32_t(GetCurrentProcessId());
-    if (TryAcquire(block, self, pid))
+    if (TryTake(block)) {
+        BecomeOwner(block);
         return QS_OK;
-    // Holders keep the lock for a few hundred nanoseconds: a short spin
-    // usually beats a sleep.
-    for (int i = 0; i < SPIN_TESTS; i++) {
-        Pause();
-        if (!IsLocked(block) && TryAcquire(block, self, pid))
-            return QS_OK;
     }
-    return LockSlowly(block, self, pid, timeoutMs);
+    return LockHeld(block, timeoutMs);
 }
 
-qsStatus ZMutex::LockSlowly(ZMutexBlock* block, pthread_t self, int32_t pid, DWORD timeoutMs) {
+// Out of line, so that the uncontended Lock() stays a few instructions.
+qsStatus ZMutex::LockHeld(ZMutexBlock* block, DWORD timeoutMs) {
+    // The cached process id keeps this test free of system calls.
+    if (IsOwner(block, pthread_self(), int32_t(GetCurrentProcessId()))) {
+        block->m_Count++;
+        return QS_OK;
+    }
+    for (int i = 0; i < SPIN_PAUSES; i++)
+        Pause();
+    const int64_t naps =
+        timeoutMs == ZMUTEX_INFINITE
+            ? BACKOFF_NAPS
+            : std::min<int64_t>(BACKOFF_NAPS, int64_t(timeoutMs) * 1000000 / BACKOFF_NAP_NS);
+    for (int64_t nap = 0;; nap++) {
+        if (LoadWord(block) == ZMUTEX_FREE && TryTake(block)) {
+            BecomeOwner(block);
+            return QS_OK;
+        }
+        if (nap == naps)
+            break;
+        timespec pause{0, BACKOFF_NAP_NS};
+        nanosleep(&pause, nullptr);
+    }
+    return LockSlowly(block, timeoutMs);
+}
+
+// A locker that takes the word here leaves it marked contended even when
+// nobody else sleeps: its release then makes one needless wake-up call,
+// which is what keeps the protocol simple and safe.
+qsStatus ZMutex::LockSlowly(ZMutexBlock* block, DWORD timeoutMs) {
     const bool shared = block != &m_Local;
-    qsStatus result = QS_E_WAIT_FAILED;
+    const bool timed = timeoutMs != ZMUTEX_INFINITE;
     bool haveDeadline = false;
     timespec deadline{};
-    int rc = LockGuard(block);
-    while (rc == 0) {
-        if (TryAcquire(block, self, pid)) {
-            result = QS_OK;
-            break;
+    for (;;) {
+        if (__atomic_exchange_n(&block->m_LockWord, ZMUTEX_CONTENDED, __ATOMIC_ACQUIRE) ==
+            ZMUTEX_FREE) {
+            BecomeOwner(block);
+            return QS_OK;
         }
-        // The deadline is taken when a wait actually begins (no clock read on
-        // the uncontended path), and its microseconds are not carried into
-        // the seconds: a wait begun late in a second gets a nanosecond part
-        // of 1e9 or more, which the timed wait refuses (EINVAL, 0xE0FF0102)
-        // before waiting at all.  Callers live with that; it must not be
-        // corrected here.
-        if (timeoutMs != ZMUTEX_INFINITE && !haveDeadline) {
-            timeval now;
-            gettimeofday(&now, nullptr);
-            deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
-            deadline.tv_nsec = (now.tv_usec + long(timeoutMs % 1000) * 1000) * 1000;
+        // The deadline is taken when a wait actually begins: no clock read
+        // unless the mutex is held by another.
+        if (timed && !haveDeadline) {
+            deadline = Deadline(timeoutMs);
             haveDeadline = true;
         }
         if (haveDeadline && (deadline.tv_nsec < 0 || deadline.tv_nsec >= 1000000000)) {
             errno = EINVAL;
-            break;
+            return LogLockFailure(QS_E_WAIT_FAILED);
         }
-        // Say that a sleeper may come, then take the sequence, then look at
-        // the flag once more: a release that the look misses comes after the
-        // sequence was read, so the sleep returns at once (all three and the
-        // releaser's steps are sequentially consistent).
-        __atomic_store_n(SleeperFlag(block), 1u, __ATOMIC_SEQ_CST);
-        uint32_t seq = __atomic_load_n(ReleaseSeq(block), __ATOMIC_SEQ_CST);
-        if (!IsLocked(block))
-            continue;
-        pthread_mutex_unlock(&block->m_Mutex);
-        int waited = WaitForRelease(block, seq, haveDeadline ? &deadline : nullptr, shared);
-        rc = LockGuard(block);
-        if (rc == 0 && waited == ETIMEDOUT) {
-            result = QS_W_TIMEOUT;
-            break;
-        }
-        if (rc == 0 && waited) {
+        int waited =
+            WaitOnWord(block, ZMUTEX_CONTENDED, haveDeadline ? &deadline : nullptr, shared);
+        if (waited == ETIMEDOUT)
+            return QS_W_TIMEOUT;
+        if (waited) {
             errno = waited;
-            break;
+            return LogLockFailure(QS_E_WAIT_FAILED);
         }
     }
-    if (rc == 0)
-        pthread_mutex_unlock(&block->m_Mutex);
-    else
-        errno = rc;
-    return result == QS_OK ? QS_OK : LogLockFailure(result);
 }
 
 // Off for a log stream's own mutex (see the constructor), which would
@@ -358,9 +367,9 @@ qsStatus ZMutex::LogLockFailure(qsStatus result) {
     return result;
 }
 
-// Only the owner changes the block here, so no guard is needed: it clears
-// the owner and drops the flag, and moves the release sequence on and wakes
-// the sleepers if any said they might be asleep.
+// Only the owner changes the owner fields and the count, so releasing needs
+// no more than one exchange of the lock word, and a system call only when a
+// locker marked the word on its way to sleep.
 qsStatus ZMutex::Unlock() {
     ZMutexBlock* block = m_pBlock;
     if (!IsInitialised(block)) {
@@ -382,14 +391,7 @@ qsStatus ZMutex::Unlock() {
     }
     SetOwner(block, NO_THREAD, -1);
     block->m_Count = 0;
-    __atomic_store_n(&block->m_Locked, uint8_t(0), __ATOMIC_SEQ_CST);
-    // A locker that raises the flag after this load sees the flag down when
-    // it looks again, so only a raised flag needs the sequence moved on and
-    // the sleepers woken (a system call).
-    if (__atomic_load_n(SleeperFlag(block), __ATOMIC_SEQ_CST)) {
-        __atomic_store_n(SleeperFlag(block), 0u, __ATOMIC_SEQ_CST);
-        __atomic_fetch_add(ReleaseSeq(block), 1u, __ATOMIC_SEQ_CST);
-        WakeLockers(block, block != &m_Local);
-    }
+    if (__atomic_exchange_n(&block->m_LockWord, ZMUTEX_FREE, __ATOMIC_RELEASE) == ZMUTEX_CONTENDED)
+        WakeOne(block, block != &m_Local);
     return QS_OK;
 }

@@ -1,6 +1,6 @@
-// A recursive mutex from a POSIX mutex, a condition variable and owner
-// bookkeeping, either private to the process or placed in a small
-// shared-memory block so that processes related by fork() serialise on it.
+// A recursive mutex whose whole state is one small block, either private to
+// the process or placed in shared memory so that processes related by
+// fork() serialise on it.
 //
 // Deliberate properties that callers rely on:
 //  - One Unlock() by the owner frees the mutex however often it was locked.
@@ -8,14 +8,17 @@
 //    already hold the mapping (in practice children forked later) share it;
 //    a later Create() of the same name makes a separate mutex.
 //  - The timed wait's deadline does not carry microseconds into seconds, so
-//    a contended wait started in the second half of a second can fail at
-//    once with 0xE0FF0102.
+//    a wait started in the second half of a second can fail at once with
+//    0xE0FF0102.  A contended Lock() first backs off for a few milliseconds
+//    at most (a short spin, then naps); only a mutex still held after that
+//    is waited for.
 //  - A process that dies holding the mutex leaves it locked for ever.
 #pragma once
 
 #include "qsStatus.h"
 #include "qsWinTypes.h"
 
+#include <bit>
 #include <pthread.h>
 #include <string>
 
@@ -24,21 +27,33 @@ constexpr uint32_t ZMUTEX_MARK_UNINITIALISED = 0x6D68A59A;
 constexpr DWORD ZMUTEX_INFINITE = 0xFFFFFFFF;
 
 // The whole content of the shared-memory object.  92 bytes on the 32-bit
-// platform (mutex at 4, condition at 28); the POSIX types are larger on a
-// 64-bit build, which keeps the field order.
+// platform (mutex at 4, condition at 28, lock word at 84); the POSIX types
+// are larger on a 64-bit build, which keeps the field order.
 struct ZMutexBlock {
     uint32_t m_Mark;
-    pthread_mutex_t m_Mutex;   // serialises lockers that go to sleep
-    // Signalled on release.  Only its first two words are used, as futex
-    // words (release sequence, sleeper flag; see ZMutex.cpp); a zeroed or
-    // pthread_cond_init()ed condition is a ready one.
+    // Initialised with the block (the mark says so) but no longer waited on:
+    // the lock word below carries the whole protocol.
+    pthread_mutex_t m_Mutex;
     pthread_cond_t m_Cond;
-    pthread_t m_OwnerThread;   // (pthread_t)-1 when free
-    int32_t m_OwnerProcess;    // -1 when free
-    uint8_t m_Locked;          // the lock word: 1 while owned
-    uint8_t m_Padding[3];
-    int32_t m_Count;           // acquisitions by the owner since it took the mutex
+    pthread_t m_OwnerThread; // (pthread_t)-1 when free
+    int32_t m_OwnerProcess;  // -1 when free
+    // The futex word.  Its first byte is the locked flag, 1 while owned and
+    // 0 when free; its second byte is set while lockers may be asleep on it.
+    // The other two stay 0.
+    uint32_t m_LockWord;
+    int32_t m_Count; // acquisitions by the owner since it took the mutex
 };
+
+// Values of the lock word, whose bytes in memory are: locked flag, sleepers
+// flag, 0, 0.
+constexpr uint32_t ZMutexLockWord(uint8_t locked, uint8_t sleepers) {
+    return std::endian::native == std::endian::little
+               ? uint32_t(locked) | uint32_t(sleepers) << 8
+               : uint32_t(locked) << 24 | uint32_t(sleepers) << 16;
+}
+constexpr uint32_t ZMUTEX_FREE = ZMutexLockWord(0, 0);
+constexpr uint32_t ZMUTEX_LOCKED = ZMutexLockWord(1, 0);
+constexpr uint32_t ZMUTEX_CONTENDED = ZMutexLockWord(1, 1); // locked, sleepers maybe
 
 class ZMutex {
 public:
@@ -67,7 +82,8 @@ public:
 
 private:
     void Detach();
-    qsStatus LockSlowly(ZMutexBlock* block, pthread_t self, int32_t pid, DWORD timeoutMs);
+    __attribute__((noinline)) qsStatus LockHeld(ZMutexBlock* block, DWORD timeoutMs);
+    qsStatus LockSlowly(ZMutexBlock* block, DWORD timeoutMs);
     qsStatus LogLockFailure(qsStatus result);
 
     bool m_bLogErrors;

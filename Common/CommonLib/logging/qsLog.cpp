@@ -4,6 +4,7 @@
 #include "ZLogStream.h"
 #include "qsException.h"
 #include "qsLogGuard.h"
+#include "qsLogState.h"
 #include "qsLogSwitchMap.h"
 #include "qsWinApi.h"
 
@@ -14,6 +15,11 @@
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
+
+// "%hs" is this system's spelling of a narrow string in log formats; the
+// compiler's format check takes the 'h' for undefined, so its format
+// warnings are off in this file, whose log calls all use it.
+#pragma GCC diagnostic ignored "-Wformat"
 
 ZLogStream* g_pZLogStreamDefault = nullptr;
 ZLogStream* g_pZLogStreamEvents = nullptr;
@@ -31,8 +37,6 @@ qsLogStreamInfo g_ZLogInfo[QS_LOG_STREAM_COUNT] = {
 bool g_LogInfoMessages = false;
 __attribute__((weak)) bool g_bLoggingDoAutoInit = true;
 bool g_LoggingInitialized = false;
-DWORD g_CurrentProcessId = 0;
-HANDLE g_hInstance = nullptr;
 
 // Defined before the automatic start below, so that both exist when it runs.
 std::map<std::string, uint32_t> g_traceSwitchMap;
@@ -321,12 +325,12 @@ void qsLogStreamObjectsTerm() {
     }
 }
 
-qsStatus qsLogInitDll(HANDLE module) {
+// The process id and the module handle are not kept: nothing read them, and
+// a recorded process id was wrong in every forked child.
+qsStatus qsLogInitDll(HANDLE) {
     if (g_LoggingInitialized)
         qsLogStreamObjectsTerm();
     g_LoggingInitialized = true;
-    g_CurrentProcessId = DWORD(getpid());
-    g_hInstance = module;
     return qsLogStreamObjectsInit(nullptr);
 }
 
@@ -344,8 +348,6 @@ qsStatus StartLogging(bool restart, const char* dir, DWORD defaultSize, DWORD ev
     if (g_LoggingInitialized)
         return QS_OK;
     g_LoggingInitialized = true;
-    g_CurrentProcessId = DWORD(getpid());
-    g_hInstance = reinterpret_cast<HANDLE>(intptr_t(getpid()));
     qsLogStreamObjectsInit(dir);
     return QS_OK;
 }
@@ -385,9 +387,17 @@ qsStatus qsLogPrintQsExceptionMessage(const char* where, const qsException& e, q
 
 namespace {
 
-void StopLoggingAtExit() {
-    qsLogStreamObjectsTerm();
-    g_LoggingInitialized = false;
+// At exit other threads may still be inside a logging call with a stream's
+// pointer already read, so the streams are not destroyed here: their objects
+// and mappings live until the process is gone.  The mapping is shared, so
+// every record is already in the page cache; flushing is all that is left
+// to do.  Appends that come later are refused, so that the process does not
+// end in the middle of one, holding the lock its forked relatives share.
+// StopLogging() still closes the streams for callers that stop on purpose.
+void FlushLoggingAtExit() {
+    for (qsLogStreamInfo& entry : g_ZLogInfo)
+        if (ZLogStream* stream = *entry.stream)
+            stream->FlushForExit();
 }
 
 // The default streams are open before main, so that a program's first
@@ -397,7 +407,7 @@ struct AutoStart {
     AutoStart() {
         if (g_bLoggingDoAutoInit && !g_LoggingInitialized)
             qsLogInitDll(reinterpret_cast<HANDLE>(intptr_t(getpid())));
-        atexit(StopLoggingAtExit);
+        atexit(FlushLoggingAtExit);
     }
 } g_AutoStart;
 

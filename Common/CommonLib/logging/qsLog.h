@@ -17,7 +17,6 @@
 #include <cstdarg>
 #include <cstdint>
 
-class ZLogStream;
 class qsException;
 
 // Severity of a message.  Values above 2 are errors to the system log.
@@ -31,18 +30,25 @@ enum : qsLogSev {
     qsLogSevFatal = 5,     // the watcher's own daemonising fork failed
 };
 
+// The compiler checks the formats of the narrow message functions against
+// their arguments.
+#define QS_LOG_PRINTF(formatIndex, firstArg) __attribute__((format(printf, formatIndex, firstArg)))
+
 // Messages.  `code` is stored beside the severity: 0 for plain messages, an
 // errno value or a status code when the message reports a failure.  The W
 // forms of Printf and PrintString take narrow text, like the A forms.
-qsStatus qsLogPrintfA(LONG code, qsLogSev severity, const char* format, ...);
-qsStatus qsLogPrintfW(LONG code, qsLogSev severity, const char* format, ...);
-qsStatus qsLogvPrintfA(LONG code, qsLogSev severity, const char* format, va_list args);
+qsStatus qsLogPrintfA(LONG code, qsLogSev severity, const char* format, ...) QS_LOG_PRINTF(3, 4);
+qsStatus qsLogPrintfW(LONG code, qsLogSev severity, const char* format, ...) QS_LOG_PRINTF(3, 4);
+qsStatus qsLogvPrintfA(LONG code, qsLogSev severity, const char* format, va_list args)
+    QS_LOG_PRINTF(3, 0);
 qsStatus qsLogvPrintfW(LONG code, qsLogSev severity, const wchar_t* format, va_list args);
-qsStatus qsLogPrintfEx(LONG code, qsLogSev severity, DWORD flags, const char* format, ...);
+qsStatus qsLogPrintfEx(LONG code, qsLogSev severity, DWORD flags, const char* format, ...)
+    QS_LOG_PRINTF(4, 5);
 qsStatus qsLogPrintStringA(const char* text, LONG code, qsLogSev severity, DWORD flags);
 qsStatus qsLogPrintStringW(const char* text, LONG code, qsLogSev severity, DWORD flags);
 // Up to 4088 bytes of text instead of 1016.
-qsStatus qsLogBigMsgPrintfA(LONG code, qsLogSev severity, const char* format, ...);
+qsStatus qsLogBigMsgPrintfA(LONG code, qsLogSev severity, const char* format, ...)
+    QS_LOG_PRINTF(3, 4);
 
 // One line to the system log under `source` ("qsLog" when null).
 void qsLogEventStringA(const char* text, LONG code, qsLogSev severity, const char* source);
@@ -92,28 +98,6 @@ qsStatus qsLogPrintUnhandledExceptionMessage(const char* where, int number);
 qsStatus qsLogPrintStructuredExceptionMessage(const char* where, DWORD exceptionCode, int number);
 qsStatus qsLogPrintMemoryExceptionMessage(const char* where, int number);
 qsStatus qsLogPrintQsExceptionMessage(const char* where, const qsException& e, qsLogSev severity);
-
-// One entry of the default-stream table.
-struct qsLogStreamInfo {
-    ZLogStream** stream;
-    const char* fileName;
-    DWORD* sizeKB;
-    const char* settingsKey; // kept for the table's shape; not read on this platform
-};
-constexpr int QS_LOG_STREAM_COUNT = 3;
-extern qsLogStreamInfo g_ZLogInfo[QS_LOG_STREAM_COUNT];
-
-extern ZLogStream* g_pZLogStreamDefault;
-extern ZLogStream* g_pZLogStreamEvents;
-extern ZLogStream* g_pZLogStreamPerfCtrs;
-extern DWORD g_ZLogStreamDefaultSize;
-extern DWORD g_ZLogStreamEventsSize;
-extern DWORD g_ZLogStreamPerfCtrsSize;
-
-extern bool g_LogInfoMessages;
-extern bool g_LoggingInitialized;
-extern DWORD g_CurrentProcessId;
-extern HANDLE g_hInstance;
 
 // Automatic start: the library opens the default streams before main unless
 // this is false when its static initialiser runs.  A program opts out by

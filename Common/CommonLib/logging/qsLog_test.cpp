@@ -3,11 +3,15 @@
 #include "qsException.h"
 #include "qsLogGuard.h"
 #include "qsLogRecords.h"
+#include "qsLogState.h"
 #include "qsLogSwitchMap.h"
 #include "qsTestSupport.h"
 #include "qsWinApi.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <thread>
 #include <tuple>
 
 // Every case runs in a process of its own, so the environment and the
@@ -101,11 +105,17 @@ TEST(qsLogMessages, InfoSwitchModuleMessagesAndExceptionReportsAreRecordedAsWrit
 }
 
 TEST(qsLogGuard, RunsOnlyOnAValidStreamAndLetsNothingEscape) {
-    auto op = [](FakeStream& s) { return qsStatus(s.state == STREAM_SIG_VALID ? 7 : 8); };
+    // As the stream's operations do: refused unless valid.
+    auto op = [](FakeStream& s) {
+        return s.state == STREAM_SIG_VALID ? qsStatus(7) : QS_E_NOT_VALID;
+    };
     FakeStream opening{STREAM_SIG_OPENING}, valid{STREAM_SIG_VALID};
     EXPECT_EQ(qsLogGuardedCall<FakeStream>(nullptr, "f", op), QS_E_NO_LOG_STREAM);
     EXPECT_EQ(qsLogGuardedCall(&opening, "f", op), QS_E_NO_LOG_STREAM);
     EXPECT_EQ(qsLogGuardedCall(&valid, "f", op), 7u);
+    // A valid stream's own refusal (its image changed under it) stays its own.
+    EXPECT_EQ(qsLogGuardedCall(&valid, "f", [](FakeStream&) { return QS_E_NOT_VALID; }),
+              QS_E_NOT_VALID);
     EXPECT_EQ(qsLogGuardedCall(&valid, "f", [](FakeStream&) -> qsStatus { throw 1; }),
               QS_E_EXCEPTION);
 }
@@ -217,4 +227,62 @@ TEST(qsLogPaths, RelativePathsDirectoryTreesSwitchesAndStreamNames) {
     EXPECT_EQ(qsLogGetStreamFileName(1, buffer, length), QS_OK);
     EXPECT_EQ(std::string(buffer), ComputerName() + "_Events.log");
     EXPECT_EQ(qsLogGetStreamFileName(3, buffer, length), QS_E_INVALIDARG);
+}
+
+// The default stream's own file fails (it was deleted, so the periodic
+// touch of its time fails) in the middle of an append.  That failure must
+// not be appended from inside the append, under the stream's lock, whose
+// nested release would free it for the rest of the outer append: the log
+// holds exactly the messages written.
+TEST(qsLogMessages, AFailureOfTheStreamsOwnFileIsNotLoggedFromInsideAnAppend) {
+    qsTest::TempDir dir;
+    // Flushed after every record, touched after every third flush.
+    auto* stream = new ZLogStream(dir.Path().c_str(), "deleted.log", 64, 1, true);
+    ASSERT_TRUE(stream->IsValid());
+    ZLogStream* saved = g_pZLogStreamDefault;
+    g_pZLogStreamDefault = stream;
+    std::filesystem::remove(dir / "deleted.log");
+    for (int i = 0; i < 7; i++)
+        EXPECT_EQ(qsLogPrintfA(0, 1, "message %d", i), QS_OK);
+    std::vector<std::string> texts;
+    for (const qsTest::LogRecord& r : qsTest::ReadRecords(*stream))
+        texts.push_back(r.Type() == LOGREC_START ? "start" : r.Text());
+    g_pZLogStreamDefault = saved;
+    delete stream;
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{"start", "message 0", "message 1", "message 2", "message 3",
+                                        "message 4", "message 5", "message 6"}));
+}
+
+// exit() while other threads are inside logging calls, holding the default
+// stream's pointer: the stream must stay whole until the process is gone
+// (the sanitizer build catches a write into an unmapped image or a use of a
+// deleted stream; the ordinary build may crash).  Each round is a child
+// process with default streams of its own that exits once its threads have
+// been appending for a while.
+TEST(qsLogExit, ExitWhileOtherThreadsLog) {
+    for (int round = 0; round < 20; round++) {
+        qsTest::TempDir dir;
+        pid_t child = fork();
+        if (child == 0) {
+            alarm(60);
+            setenv("QS_LOG_DIR", dir.Path().c_str(), 1);
+            if (qsFailed(qsLogging::StartLogging(true, nullptr, 256, 0, 0)) ||
+                !g_pZLogStreamDefault)
+                _exit(3);
+            const int32_t start = g_pZLogStreamDefault->RecordCount();
+            for (int t = 0; t < 4; t++)
+                std::thread([t] {
+                    for (int i = 0;; i++)
+                        qsLogPrintfA(0, 1, "thread %d message %d", t, i);
+                }).detach();
+            while (g_pZLogStreamDefault->RecordCount() < start + 2000)
+                sched_yield();
+            exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "round " << round << ": status " << std::hex << status;
+    }
 }
