@@ -1,5 +1,6 @@
 #include "qslogOptions.h"
 
+#include "qsVersion.h"
 #include "qslogTime.h"
 
 #include <CLI/CLI.hpp>
@@ -71,7 +72,7 @@ int ParseOptions(int argc, const char* const* argv, uint64_t now, Options& out, 
                  "library, oldest first.",
                  "qslog"};
     app.footer(kFooter);
-    app.set_version_flag("--version", "qslog 1.0");
+    app.set_version_flag("--version", "qslog " QS_VERSION);
     app.get_formatter()->column_width(32);
 
     std::string stream = "default", output = "short", priority, since, until, pattern, lines;
