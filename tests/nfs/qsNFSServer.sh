@@ -133,6 +133,9 @@ EXPORT {
     Access_Type = RW;
     Squash = No_Root_Squash;
     SecType = sys, none;
+    # The tests change the exported files directly as well: the server must
+    # not answer from attributes it cached before.
+    Attr_Expiration_Time = 0;
     FSAL { Name = VFS; }
 }
 LOG { Default_Log_Level = EVENT; }

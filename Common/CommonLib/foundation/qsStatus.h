@@ -23,6 +23,7 @@ enum : qsStatus {
     QS_OK = 0,
 
     QS_E_INVALIDARG = 0x80000003,        // invalid argument or state
+    QS_E_NOT_DONE = 0x80000008,          // could not be done: a list unreadable, an object missing or in the way
 
     QS_W_TIMEOUT = 0xA0FFFF02,           // a wait timed out; callers may retry
     QS_W_MSG_SUPPRESSED = 0xA0010103,    // severity-0 message while the info switch is off

@@ -89,6 +89,8 @@ struct DirEntry {
     uint32_t m_Gid = 0;
     uint32_t m_LinkCount = 0;
     FILETIME m_ChangeTime = {0, 0};
+    // A symbolic link's text, for NFSBrowse::CreateObject to send.
+    std::string m_LinkText;
 
     // Fills a Windows-style find record: cleared whole, attributes 0x10 for a
     // directory and 0 for anything else, the two times, the size split in
@@ -154,15 +156,18 @@ public:
     virtual int32_t Exports(std::vector<ExportInfo>& exports) = 0;
     virtual int32_t ExportPaths(std::vector<std::string>& paths) = 0;
 
-    // Every entry of a directory, "." and ".." left out.
+    // Every entry of a directory, "." and ".." left out, appended to
+    // `entries` (on failure those gathered so far stay).
     virtual int32_t Entries(const DirEntry& directory, std::vector<DirEntry>& entries) = 0;
 
     // The object at `path` ("/export/dir/name"), walked one component at a
-    // time.  With `create`, a missing regular file is created (mode 0777).
-    // `second`: see the implementation's header; false in every use here.
-    // Returns a new entry the caller deletes, or null (the reason in
-    // GetLastObjectError()).
-    virtual DirEntry* Open(const std::string& path, bool create, bool second) = 0;
+    // time from the export's root with LOOKUP; symbolic links on the way
+    // are not followed.  With `create`, a missing regular file at the end is
+    // created (mode 0777; one that appears meanwhile is opened instead).
+    // `makeParents` (with `create` only) creates missing directories on the
+    // way too, as mkdir -p would.  Returns a new entry the caller deletes,
+    // or null (the reason in GetLastObjectError()).
+    virtual DirEntry* Open(const std::string& path, bool create, bool makeParents) = 0;
 
     virtual int32_t Lookup(const DirEntry& directory, const std::string& name, DirEntry& entry) = 0;
 
@@ -179,13 +184,17 @@ public:
     // of it at a component boundary), mounted on first use.
     virtual int32_t FindMountPoint(const std::string& path, ExportInfo& info) = 0;
 
-    // Creates the object `entry` describes (m_Name, m_Type: regular file or
-    // directory, m_Mode) in `directory`; on success `entry` describes the new
-    // object.
+    // Creates the object `entry` describes in `directory`: m_Name, and by
+    // m_Type a regular file (mode 0777; QS_E_NFS_EXIST when the name is
+    // taken), a directory (m_Mode, or 0777 when 0) or a symbolic link to
+    // m_LinkText.  On success `entry` describes the new object.
     virtual int32_t CreateObject(const DirEntry& directory, DirEntry& entry) = 0;
+    // Removes `entry` (by m_Name) from `directory`: RMDIR for a directory,
+    // REMOVE for anything else.
     virtual int32_t DeleteObject(const DirEntry& directory, const DirEntry& entry) = 0;
-    // Renames `entry` in `directory` to `newName`; on success `entry`
-    // describes the object under its new name.
+    // Renames `entry` in `directory` to `newName`: a name in the same
+    // directory, or a server path ("/export/dir/new") whose directory must
+    // exist.  On success `entry` describes the object under its new name.
     virtual int32_t RenameObject(const DirEntry& directory, DirEntry& entry,
                                  const std::string& newName) = 0;
 
