@@ -77,7 +77,7 @@ std::string Reason(qsStatus code) {
         return "lock request failed";
     case QS_E_HOST_UNRESOLVED:
         return "host name does not resolve";
-    case 0x80000008: // the browse object's start-up could not read the export list
+    case QS_E_NOT_DONE: // a browse object could not read the export list
         return "cannot read the server's export list";
     case QS_E_INVALIDARG:
         return "invalid argument";
@@ -222,11 +222,11 @@ std::string StatText(const std::string& path, const DirEntry& e) {
     return out;
 }
 
-nlohmann::json EntryJson(const std::string& path, const DirEntry& e,
+nlohmann::ordered_json EntryJson(const std::string& path, const DirEntry& e,
                          const std::string& linkText) {
     static const char* const kTypes[] = {"unknown", "file",    "directory", "block",
                                          "character", "symlink", "socket",    "fifo"};
-    nlohmann::json j = {
+    nlohmann::ordered_json j = {
         {"path", path},
         {"name", e.m_Name},
         {"type", kTypes[e.m_Type < 8 ? e.m_Type : 0]},
@@ -264,7 +264,7 @@ std::string DfLine(const std::string& name, const ExportInfo::Facts& f) {
     return line;
 }
 
-nlohmann::json DfJson(const std::string& name, const ExportInfo& info) {
+nlohmann::ordered_json DfJson(const std::string& name, const ExportInfo& info) {
     const ExportInfo::Facts& f = info.m_Facts;
     return {
         {"export", name},
@@ -286,8 +286,8 @@ nlohmann::json DfJson(const std::string& name, const ExportInfo& info) {
     };
 }
 
-std::string JsonLine(const nlohmann::json& value) {
-    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+std::string JsonLine(const nlohmann::ordered_json& value) {
+    return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 } // namespace qsnfs

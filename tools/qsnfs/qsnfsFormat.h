@@ -36,16 +36,16 @@ std::string LongLine(const qsNFSUtils::DirEntry& entry, size_t width,
 // stat's text: one "name value" line per field.
 std::string StatText(const std::string& path, const qsNFSUtils::DirEntry& entry);
 // What ls -o json and stat -o json print for an object.
-nlohmann::json EntryJson(const std::string& path, const qsNFSUtils::DirEntry& entry,
+nlohmann::ordered_json EntryJson(const std::string& path, const qsNFSUtils::DirEntry& entry,
                          const std::string& linkText);
 
 // df's header and line, in 1024-byte blocks.
 std::string DfHeader();
 std::string DfLine(const std::string& name, const qsNFSUtils::ExportInfo::Facts& facts);
-nlohmann::json DfJson(const std::string& name, const qsNFSUtils::ExportInfo& info);
+nlohmann::ordered_json DfJson(const std::string& name, const qsNFSUtils::ExportInfo& info);
 
 // One line of JSON; bytes that are not UTF-8 (names on the server need not
 // be) become U+FFFD rather than end the program.
-std::string JsonLine(const nlohmann::json& value);
+std::string JsonLine(const nlohmann::ordered_json& value);
 
 } // namespace qsnfs

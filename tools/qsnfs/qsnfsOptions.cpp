@@ -96,8 +96,9 @@ int ParseOptions(int argc, const char* const* argv, Options& out, std::string& t
 
     std::string uid, gid, proto = "auto", output = "text", size;
     std::vector<std::string> words;
-    app.add_option("--uid", uid, "User id to act as (default: your own)");
-    app.add_option("--gid", gid, "Group ids, primary first (default: your own groups)");
+    app.add_option("--uid", uid, "User id to act as (default: your own)")->type_name("N");
+    app.add_option("--gid", gid, "Group ids, primary first (default: your own groups)")
+        ->type_name("N[,N...]");
     app.add_option("--proto", proto, "Transport of NFS: tcp, udp, or auto (TCP, else UDP)")
         ->check(CLI::IsMember({"tcp", "udp", "auto"}));
     app.add_flag("--pipelined", out.pipelined, "Read and write with several UDP calls in flight");
@@ -157,7 +158,9 @@ int ParseOptions(int argc, const char* const* argv, Options& out, std::string& t
     json(c);
     c = command("lock", "Run COMMAND while holding a whole-file lock on PATH");
     c->add_flag("-s", out.shared, "A shared lock instead of an exclusive one");
-    operands(c, "PATH", "HOST:/PATH", 1);
+    // One word, so that the command's own words are left over for it.
+    std::string lockPath;
+    c->add_option("PATH", lockPath, "HOST:/PATH, then COMMAND [ARG...]")->required();
     c->prefix_command();
     CLI::App* lock = c;
 
@@ -172,6 +175,9 @@ int ParseOptions(int argc, const char* const* argv, Options& out, std::string& t
             text = e.get_name() == "CallForVersion" ? std::string(e.what()) + "\n" : app.help();
             return kExitOk;
         }
+        std::vector<std::string> rest = app.remaining();
+        if (app.get_subcommands().empty() && !rest.empty() && rest[0][0] != '-')
+            return usage("unknown command '" + rest[0] + "'");
         return usage(e.what());
     }
     out.command = app.get_subcommands().front()->get_name();
@@ -195,6 +201,8 @@ int ParseOptions(int argc, const char* const* argv, Options& out, std::string& t
         return usage("-s takes a size in bytes (K, M, G, T for powers of 1024), not '" + size +
                      "'");
 
+    if (out.command == "lock")
+        words = {lockPath};
     // Which of the operands are remote paths.
     std::vector<size_t> remote;
     if (out.command == "exports") {

@@ -11,7 +11,9 @@
 #include <cstring>
 #include <sys/stat.h>
 
-extern bool g_NFSUtils_UseScatterGather;
+// Defined by the data transfer, which is not in the library yet: a weak
+// stand-in lets the tool link meanwhile and yields to the real one.
+__attribute__((weak)) bool g_NFSUtils_UseScatterGather = false;
 
 namespace qsnfs {
 
@@ -30,17 +32,16 @@ bool Print(const std::string& line) {
 }
 
 // The C library's own account of why a client could not be made, which the
-// status code alone does not carry ("connection refused", "no route").
+// status code alone does not carry: "connection refused", "network is
+// unreachable".
 std::string CreateErrorDetail() {
     const auto& e = rpc_createerr;
     if (e.cf_stat == RPC_SUCCESS)
         return "";
-    std::string text = clnt_sperrno(e.cf_stat);
+    std::string text = e.cf_error.re_errno > 0 ? strerror(e.cf_error.re_errno)
+                                               : clnt_sperrno(e.cf_stat);
     if (text.rfind("RPC: ", 0) == 0)
         text.erase(0, 5);
-    int error = e.cf_error.re_errno;
-    if (error > 0)
-        text += std::string(": ") + strerror(error);
     for (char& c : text)
         c = char(tolower(static_cast<unsigned char>(c)));
     return text;
