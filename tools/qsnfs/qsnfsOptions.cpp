@@ -231,8 +231,6 @@ int ParseOptions(int argc, const char* const* argv, Options& out, std::string& t
     }
     if (out.command == "lock") {
         out.program = lock->remaining();
-        if (!out.program.empty() && out.program.front() == "--")
-            out.program.erase(out.program.begin());
         if (out.program.empty())
             return usage("lock: no COMMAND to run");
     }

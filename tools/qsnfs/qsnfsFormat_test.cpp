@@ -1,0 +1,82 @@
+// The shown forms of objects: permission strings, times from the server's
+// FILETIMEs, df's arithmetic, and JSON that survives names that are not
+// UTF-8.
+#include "qsnfsFormat.h"
+#include "qsnfsProgress.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace qsnfs;
+
+namespace {
+
+FILETIME Ft(int64_t unixNanoseconds) {
+    return qsUInt64ToFileTime(uint64_t(unixNanoseconds / 100 + int64_t(QS_FILETIME_UNIX_EPOCH)));
+}
+
+} // namespace
+
+TEST(QsnfsFormat, ModeStrings) {
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeRegular, 0644), "-rw-r--r--");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeDirectory, 01777), "drwxrwxrwt");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeDirectory, 02750), "drwxr-s---");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeRegular, 04644), "-rwSr--r--");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeSymlink, 0777), "lrwxrwxrwx");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeFifo, 0), "p---------");
+    EXPECT_EQ(ModeString(qsNFSUtils::eTypeUnknown, 0600), "?rw-------");
+}
+
+TEST(QsnfsFormat, TimesFromFileTimes) {
+    setenv("TZ", "XXX-1", 1); // one hour east of UTC, no summer time
+    tzset();
+    const int64_t t = int64_t(1795266187) * 1000000000 + 123456700;
+    EXPECT_EQ(UnixNanoseconds(Ft(t)), t);
+    EXPECT_EQ(UtcTime(Ft(t)), "2026-11-21T13:03:07.123456700Z");
+    EXPECT_EQ(LocalTime(Ft(t)), "2026-11-21 14:03:07.123456700 +0100");
+    EXPECT_EQ(ShortTime(Ft(t)), "2026-11-21 14:03");
+    // Before 1970 the fraction still counts upwards from the second.
+    EXPECT_EQ(UtcTime(Ft(-100)), "1969-12-31T23:59:59.999999900Z");
+}
+
+TEST(QsnfsFormat, EntryAndDf) {
+    qsNFSUtils::DirEntry e;
+    e.m_Name = "caf\xe9"; // Latin-1, as old servers hold names
+    e.m_Type = qsNFSUtils::eTypeRegular;
+    e.m_Size = 123456789012;
+    e.m_Mode = 0100640; // type bits from the server are not the mode
+    std::string line = JsonLine(EntryJson("h:/e/caf\xe9", e, ""));
+    auto j = nlohmann::json::parse(line);
+    EXPECT_EQ(j["name"], "caf\xef\xbf\xbd");
+    EXPECT_EQ(j["size"], 123456789012u);
+    EXPECT_EQ(j["mode"], 0640);
+    EXPECT_EQ(j["type"], "file");
+    EXPECT_FALSE(j.contains("target"));
+    EXPECT_EQ(LongLine(e, 14, ""), std::string("-rw-r-----     0     0   123456789012 ") +
+                                       ShortTime(e.m_LastWriteTime) + " caf\xe9");
+
+    qsNFSUtils::ExportInfo::Facts f{};
+    f.m_TotalBytes = 1000 << 10;
+    f.m_FreeBytes = 300 << 10;
+    f.m_AvailableBytes = 200 << 10; // the rest is reserved for root
+    std::string df = DfLine("h:/e", f);
+    EXPECT_NE(df.find(" 1000 "), std::string::npos) << df;
+    EXPECT_NE(df.find(" 700 "), std::string::npos) << df;
+    EXPECT_NE(df.find(" 200 "), std::string::npos) << df;
+    EXPECT_EQ(df.substr(df.size() - 4), " 78%") << df; // 700 of 900, rounded up
+    f = {};
+    EXPECT_EQ(DfLine("h:/e", f).substr(DfLine("h:/e", f).size() - 3), " 0%");
+}
+
+TEST(QsnfsFormat, ProgressBarFitsItsLine) {
+    for (int columns : {20, 80, 200}) {
+        for (uint64_t done : {uint64_t(0), uint64_t(1) << 20, uint64_t(256) << 20}) {
+            std::string bar = Progress::Render(done, uint64_t(256) << 20, 1.0, columns);
+            EXPECT_LT(bar.size(), size_t(std::max(columns, 60))) << bar;
+            EXPECT_EQ(bar.front(), '[');
+        }
+    }
+    EXPECT_NE(Progress::Render(128 << 20, 256 << 20, 2.0, 80).find(" 50%"), std::string::npos);
+    EXPECT_NE(Progress::Render(128 << 20, 256 << 20, 2.0, 80).find("67.1 MB/s"), std::string::npos);
+}

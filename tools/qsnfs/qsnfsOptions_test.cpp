@@ -1,0 +1,148 @@
+// The command line: which operand is which, the credentials sent by
+// default, and everything that must end in a usage error (exit status 2)
+// before the server is asked anything.
+#include "qsnfsOptions.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+using namespace qsnfs;
+using Words = std::vector<std::string>;
+
+namespace {
+
+int Parse(Words words, Options& out, std::string& text) {
+    words.insert(words.begin(), "qsnfs");
+    std::vector<const char*> argv;
+    for (const std::string& w : words)
+        argv.push_back(w.c_str());
+    return ParseOptions(int(argv.size()), argv.data(), out, text);
+}
+
+Words Paths(const Options& o) {
+    Words paths;
+    for (const RemotePath& r : o.remotes)
+        paths.push_back(r.path);
+    return paths;
+}
+
+} // namespace
+
+TEST(QsnfsOptions, OperandsGoWhereTheyBelong) {
+    Options o;
+    std::string text;
+    ASSERT_EQ(Parse({"get", "h:/e/f", "-"}, o, text), -1) << text;
+    EXPECT_EQ(Paths(o), Words{"/e/f"});
+    EXPECT_EQ(o.local, "-");
+
+    o = Options();
+    ASSERT_EQ(Parse({"put", "local.bin", "h:/e/f"}, o, text), -1) << text;
+    EXPECT_EQ(Paths(o), Words{"/e/f"});
+    EXPECT_EQ(o.local, "local.bin");
+
+    // A hard link's target is a remote path, a symbolic link's is text.
+    o = Options();
+    ASSERT_EQ(Parse({"ln", "h:/e/target", "h:/e/link"}, o, text), -1) << text;
+    EXPECT_EQ(Paths(o), (Words{"/e/link", "/e/target"}));
+    o = Options();
+    ASSERT_EQ(Parse({"ln", "-s", "../any thing", "h:/e/link"}, o, text), -1) << text;
+    EXPECT_EQ(Paths(o), Words{"/e/link"});
+    EXPECT_EQ(o.linkText, "../any thing");
+
+    // The command's own options stay the command's.
+    o = Options();
+    ASSERT_EQ(Parse({"lock", "-s", "h:/e/l", "sh", "-c", "exit 3", "-s"}, o, text), -1) << text;
+    EXPECT_TRUE(o.shared);
+    EXPECT_EQ(o.program, (Words{"sh", "-c", "exit 3", "-s"}));
+
+    o = Options();
+    ASSERT_EQ(Parse({"--proto", "udp", "--pipelined", "ls", "-l", "-R", "-o", "json", "h:/e"}, o,
+                    text),
+              -1)
+        << text;
+    EXPECT_TRUE(o.pipelined && o.longList && o.recursive && o.json);
+    EXPECT_EQ(o.proto, Proto::Udp);
+
+    o = Options();
+    ASSERT_EQ(Parse({"truncate", "-s", "5G", "h:/e/f"}, o, text), -1) << text;
+    EXPECT_EQ(o.size, 5ull << 30);
+    o = Options();
+    ASSERT_EQ(Parse({"exports", "fs1:"}, o, text), -1) << text;
+    EXPECT_EQ(o.host, "fs1");
+}
+
+TEST(QsnfsOptions, CredentialsDefaultToTheCaller) {
+    Options o;
+    std::string text;
+    ASSERT_EQ(Parse({"ls", "h:/e"}, o, text), -1);
+    EXPECT_EQ(o.uid, getuid());
+    ASSERT_FALSE(o.gids.empty());
+    EXPECT_EQ(o.gids[0], int(getgid()));
+    EXPECT_LE(o.gids.size(), kMaxGroups);
+
+    o = Options();
+    ASSERT_EQ(Parse({"--uid", "4294967294", "--gid", "7,0,4000000000", "ls", "h:/e"}, o, text), -1)
+        << text;
+    EXPECT_EQ(o.uid, 4294967294u);
+    EXPECT_EQ(o.gids, (std::vector<int>{7, 0, int(4000000000u)}));
+}
+
+TEST(QsnfsOptions, UsageErrorsExitTwo) {
+    const Words cases[] = {
+        {},
+        {"frob", "h:/e"},
+        {"ls"},
+        {"ls", "-x", "h:/e"},
+        {"ls", "noslash"},
+        {"ls", "h:relative"},
+        {"stat", "h:/.."},
+        {"cat", "h:/a", "local"},
+        {"get", "h:/a"},
+        {"get", "h:/a", ""},
+        {"put", "local", "h:/a", "extra"},
+        {"mv", "h:/a"},
+        {"ln", "local-target", "h:/e/l"},
+        {"truncate", "h:/a"},
+        {"truncate", "-s", "-1", "h:/a"},
+        {"truncate", "-s", "1X", "h:/a"},
+        {"truncate", "-s", "99999999999T", "h:/a"},
+        {"lock", "h:/a"},
+        {"stat", "-o", "yaml", "h:/a"},
+        {"--uid", "-1", "ls", "h:/e"},
+        {"--uid", "4294967296", "ls", "h:/e"},
+        {"--gid", "1,,2", "ls", "h:/e"},
+        {"--gid", "1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17", "ls", "h:/e"},
+        {"--proto", "sctp", "ls", "h:/e"},
+        {"exports", "a/b"},
+    };
+    for (const Words& words : cases) {
+        Options o;
+        std::string text;
+        std::string line;
+        for (const std::string& w : words)
+            line += " " + w;
+        EXPECT_EQ(Parse(words, o, text), kExitUsage) << line;
+        EXPECT_EQ(text.rfind("qsnfs: ", 0), 0u) << line << ": " << text;
+    }
+    Options o;
+    std::string text;
+    EXPECT_EQ(Parse({"frob"}, o, text), kExitUsage);
+    EXPECT_NE(text.find("unknown command 'frob'"), std::string::npos) << text;
+    EXPECT_EQ(Parse({"--version"}, o, text), kExitOk);
+    EXPECT_EQ(text.rfind("qsnfs ", 0), 0u);
+}
+
+TEST(QsnfsOptions, Sizes) {
+    uint64_t v = 0;
+    EXPECT_TRUE(ParseSize("0", v) && v == 0);
+    EXPECT_TRUE(ParseSize("4097", v) && v == 4097);
+    EXPECT_TRUE(ParseSize("3K", v) && v == 3072);
+    EXPECT_TRUE(ParseSize("5GiB", v) && v == 5ull << 30);
+    EXPECT_TRUE(ParseSize("16777215T", v) && v == 16777215ull << 40);
+    EXPECT_FALSE(ParseSize("16777216T", v));
+    EXPECT_FALSE(ParseSize("", v));
+    EXPECT_FALSE(ParseSize("K", v));
+    EXPECT_FALSE(ParseSize("1.5M", v));
+    EXPECT_FALSE(ParseSize("1k", v));
+}
