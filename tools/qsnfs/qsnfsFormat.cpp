@@ -159,9 +159,10 @@ std::string Render(const FILETIME& ft, bool local, const char* format, bool frac
     char date[64];
     strftime(date, sizeof date, format, &tm);
     std::string out = date;
+    // 100 ns, all that a FILETIME keeps.
     if (fraction) {
         char digits[16];
-        snprintf(digits, sizeof digits, ".%09ld", ns);
+        snprintf(digits, sizeof digits, ".%07ld", ns / 100);
         out += digits;
     }
     if (tail) {

@@ -23,11 +23,11 @@ std::string ModeString(uint32_t type, uint32_t mode);
 
 // Nanoseconds since 1970 UTC.
 int64_t UnixNanoseconds(const FILETIME& ft);
-// "2026-11-21 14:03:07.123456700 +0100", local time.
+// "2026-11-21 14:03:07.1234567 +0100", local time.
 std::string LocalTime(const FILETIME& ft);
 // "2026-11-21 14:03", local time, as ls -l shows it.
 std::string ShortTime(const FILETIME& ft);
-// "2026-11-21T13:03:07.123456700Z"
+// "2026-11-21T13:03:07.1234567Z"
 std::string UtcTime(const FILETIME& ft);
 
 // One line of ls -l without the newline; `width` is the size column's.
