@@ -127,8 +127,8 @@ private:
     void Serve() {
         std::vector<int> connections;
         for (;;) {
-            std::vector<pollfd> fds = {{m_Wake[0], POLLIN, 0}, {m_Listen, POLLIN, 0},
-                                       {m_Udp, POLLIN, 0}};
+            std::vector<pollfd> fds = {
+                {m_Wake[0], POLLIN, 0}, {m_Listen, POLLIN, 0}, {m_Udp, POLLIN, 0}};
             for (int c : connections)
                 fds.push_back({c, POLLIN, 0});
             if (poll(fds.data(), fds.size(), -1) < 0)
@@ -142,8 +142,7 @@ private:
             for (size_t i = 3; i < fds.size(); ++i) {
                 if (fds[i].revents && !ServeRecord(fds[i].fd)) {
                     close(fds[i].fd);
-                    connections.erase(std::find(connections.begin(), connections.end(),
-                                                fds[i].fd));
+                    connections.erase(std::find(connections.begin(), connections.end(), fds[i].fd));
                 }
             }
         }
@@ -155,8 +154,8 @@ private:
         char call[65536];
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        ssize_t n = recvfrom(m_Udp, call, sizeof call, 0, reinterpret_cast<sockaddr*>(&from),
-                             &length);
+        ssize_t n =
+            recvfrom(m_Udp, call, sizeof call, 0, reinterpret_cast<sockaddr*>(&from), &length);
         std::vector<char> reply;
         if (n > 0 && Dispatch(call, size_t(n), reply))
             sendto(m_Udp, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from),
@@ -206,8 +205,9 @@ private:
         u_int status = SUCCESS;
         u_int statusAt = XDR_GETPOS(&out);
         xdr_u_int(&out, &status);
-        auto found = m_Procedures.find(
-            {uint32_t(msg.rm_call.cb_prog), uint32_t(msg.rm_call.cb_vers), uint32_t(msg.rm_call.cb_proc)});
+        auto found =
+            m_Procedures.find({uint32_t(msg.rm_call.cb_prog), uint32_t(msg.rm_call.cb_vers),
+                               uint32_t(msg.rm_call.cb_proc)});
         if (found == m_Procedures.end() || !found->second(&in, &out)) {
             status = found == m_Procedures.end() ? PROG_UNAVAIL : GARBAGE_ARGS;
             XDR_SETPOS(&out, statusAt);

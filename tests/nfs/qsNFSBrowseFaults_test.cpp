@@ -117,9 +117,8 @@ struct FakeNfsServer {
 
 std::unique_ptr<NFSBrowse> Browse() {
     NFSBrowse* browse = nullptr;
-    EXPECT_EQ(qsNFSUtils::CreateNFSBrowse(browse, "127.0.0.1", 0, {0}, nullptr,
-                                          qsNFSUtils::eUseTCP),
-              0);
+    EXPECT_EQ(
+        qsNFSUtils::CreateNFSBrowse(browse, "127.0.0.1", 0, {0}, nullptr, qsNFSUtils::eUseTCP), 0);
     return std::unique_ptr<NFSBrowse>(browse);
 }
 
@@ -198,8 +197,9 @@ TEST(NFSBrowseFaults, ACookieThatDoesNotAdvanceEndsTheListing) {
             EXPECT_EQ(entries.size(), emptyBatch ? 0u : 2u);
             auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
             ASSERT_FALSE(records.empty());
-            EXPECT_EQ(records.back().Text(), "nfsproc3_readdirplus_3 (status 10003, err 0x00000000) "
-                                             "/fake (the server's cookie does not advance)");
+            EXPECT_EQ(records.back().Text(),
+                      "nfsproc3_readdirplus_3 (status 10003, err 0x00000000) "
+                      "/fake (the server's cookie does not advance)");
         }
     });
 }
