@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 
 namespace {
@@ -537,8 +538,8 @@ private:
     int32_t CreateFile(const DirEntry& directory, DirEntry& entry, createmode3 mode);
     int32_t CreateLink(const DirEntry& directory, DirEntry& entry, const std::string& text);
     int32_t FetchBatch(NFS3GetNextHandle& cursor);
-    int32_t Transfer(const DirEntry& file, const char* format, NFS3Transfer*& transfer,
-                     ExportInfo::Facts& facts);
+    int32_t Transfer(const DirEntry& file, const char* format, uint32_t& count,
+                     const std::function<int32_t(NFS3Transfer&, const ExportInfo::Facts&)>& run);
 
     std::unique_ptr<NFS3Transfer> m_Transfer;
 };
@@ -929,47 +930,43 @@ int32_t NFSBrowseImpl3::Entries(const DirEntry& directory, std::vector<DirEntry>
 }
 
 // The transfer works on the NFS client of the moment: it is made anew after
-// a lost connection.
-int32_t NFSBrowseImpl3::Transfer(const DirEntry& file, const char* format, NFS3Transfer*& transfer,
-                                 ExportInfo::Facts& facts) {
+// a lost connection, and a transport failure inside it drops the connection
+// as any other call's does.  `run` reads or writes with the facts of the
+// export holding the file.
+int32_t NFSBrowseImpl3::Transfer(
+    const DirEntry& file, const char* format, uint32_t& count,
+    const std::function<int32_t(NFS3Transfer&, const ExportInfo::Facts&)>& run) {
     ExportInfo* mount = LongestPrefix(m_Mount.m_Exports, file.m_Path);
-    facts = mount && mount->m_RootHandleLength ? mount->m_Facts : ExportInfo::Facts{};
+    ExportInfo::Facts facts =
+        mount && mount->m_RootHandleLength ? mount->m_Facts : ExportInfo::Facts{};
     if (!m_Transfer) {
         clnt_stat why = RPC_SUCCESS;
-        if (!Nfs(why))
+        if (!Nfs(why)) {
+            count = 0;
             return Check(why, NFS3_OK, format, file.m_Path);
+        }
         m_Transfer = std::make_unique<NFS3Transfer>(*m_Nfs, *m_Auth, m_Address);
     }
-    transfer = m_Transfer.get();
-    return 0;
+    int32_t result = run(*m_Transfer, facts);
+    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
+        Panic();
+    return Fail(result);
 }
 
 int32_t NFSBrowseImpl3::Read(const DirEntry& file, void* destination, int64_t offset,
                              uint32_t& count) {
-    NFS3Transfer* transfer = nullptr;
-    ExportInfo::Facts facts;
-    if (int32_t r = Transfer(file, "nfsproc3_read_3 (status %d, err 0x%8.8X)", transfer, facts)) {
-        count = 0;
-        return r;
-    }
-    int32_t result = transfer->Read(file, facts, destination, offset, count);
-    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
-        Panic();
-    return Fail(result);
+    return Transfer(file, "nfsproc3_read_3 (status %d, err 0x%8.8X)", count,
+                    [&](NFS3Transfer& transfer, const ExportInfo::Facts& facts) {
+                        return transfer.Read(file, facts, destination, offset, count);
+                    });
 }
 
 int32_t NFSBrowseImpl3::Write(const DirEntry& file, const void* source, int64_t offset,
                               uint32_t& count) {
-    NFS3Transfer* transfer = nullptr;
-    ExportInfo::Facts facts;
-    if (int32_t r = Transfer(file, "nfsproc3_write_3 (status %d, err 0x%8.8X)", transfer, facts)) {
-        count = 0;
-        return r;
-    }
-    int32_t result = transfer->Write(file, facts, source, offset, count);
-    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
-        Panic();
-    return Fail(result);
+    return Transfer(file, "nfsproc3_write_3 (status %d, err 0x%8.8X)", count,
+                    [&](NFS3Transfer& transfer, const ExportInfo::Facts& facts) {
+                        return transfer.Write(file, facts, source, offset, count);
+                    });
 }
 
 } // namespace
