@@ -112,8 +112,8 @@ TEST(NFSBrowse, FactoryFailures) {
     EXPECT_EQ(line.Code(), 0);
 
     // nothing answers on that network: the port mapper query fails
-    long result = qsNFSUtils::CreateNFSBrowse(browse, "192.0.2.1", 0, {0}, nullptr,
-                                              qsNFSUtils::eUseTCP);
+    long result =
+        qsNFSUtils::CreateNFSBrowse(browse, "192.0.2.1", 0, {0}, nullptr, qsNFSUtils::eUseTCP);
     EXPECT_LT(result, 0);
     EXPECT_NE(result, 0x80000008);
     line = LastLogRecord();
@@ -121,8 +121,8 @@ TEST(NFSBrowse, FactoryFailures) {
     EXPECT_TRUE(line.Text().starts_with("CreateNFSBrowse failed (system err 0x")) << line.Text();
     EXPECT_TRUE(line.Text().ends_with(") 192.0.2.1")) << line.Text();
 
-    EXPECT_EQ(qsStatus(qsNFSUtils::CreateNFSBrowse(browse, "no-such-host.qs.test", 0, {0},
-                                                   nullptr, qsNFSUtils::eUseTCP)),
+    EXPECT_EQ(qsStatus(qsNFSUtils::CreateNFSBrowse(browse, "no-such-host.qs.test", 0, {0}, nullptr,
+                                                   qsNFSUtils::eUseTCP)),
               QS_E_HOST_UNRESOLVED);
     EXPECT_EQ(browse, reinterpret_cast<NFSBrowse*>(0x1));
 }
@@ -319,8 +319,7 @@ TEST(NFSBrowse, AttributesAndAccess) {
     UNIXTimeToFILETIME(1234567890, file->m_LastWriteTime);
     file->m_Mode = 0640;
     ASSERT_EQ(browse->SetAttributes(*file, qsNFSUtils::eAttrSize | qsNFSUtils::eAttrAccessTime |
-                                               qsNFSUtils::eAttrWriteTime |
-                                               qsNFSUtils::eAttrMode),
+                                               qsNFSUtils::eAttrWriteTime | qsNFSUtils::eAttrMode),
               0);
     struct stat st = Stat(dir / "file");
     EXPECT_EQ(st.st_size, 4);
@@ -339,8 +338,8 @@ TEST(NFSBrowse, AttributesAndAccess) {
     EXPECT_EQ(FILETIMEToUNIXTime(file->m_LastWriteTime), 2000000001);
     EXPECT_EQ(FILETIMEToUNIXTime(file->m_LastAccessTime), 2000000000);
 
-    uint32_t mask = qsNFSUtils::eAccessRead | qsNFSUtils::eAccessModify |
-                    qsNFSUtils::eAccessExecute;
+    uint32_t mask =
+        qsNFSUtils::eAccessRead | qsNFSUtils::eAccessModify | qsNFSUtils::eAccessExecute;
     ASSERT_EQ(browse->Access(*file, mask), 0);
     EXPECT_EQ(mask, uint32_t(qsNFSUtils::eAccessRead | qsNFSUtils::eAccessModify));
 

@@ -7,7 +7,8 @@ namespace qsNFSUtils {
 constexpr uint64_t kFileTimePerNanosecond = 100;
 
 FILETIME FileTimeFromNfs(const nfstime3& t) {
-    return qsUInt64ToFileTime(QS_FILETIME_UNIX_EPOCH + uint64_t(t.seconds) * QS_FILETIME_PER_SECOND +
+    return qsUInt64ToFileTime(QS_FILETIME_UNIX_EPOCH +
+                              uint64_t(t.seconds) * QS_FILETIME_PER_SECOND +
                               t.nseconds / kFileTimePerNanosecond);
 }
 

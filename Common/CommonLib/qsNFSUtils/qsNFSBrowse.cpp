@@ -7,22 +7,23 @@
 // logged once, right where its statuses are known; the code becomes the
 // operation's result and the object's last error.
 
+#include "qsNFSBrowse.h"
+#include "ZBuffer.h"
 #include "qsFileUtils.h"
 #include "qsLog.h"
 #include "qsNFS3Attributes.h"
 #include "qsNFS3Transfer.h"
-#include "qsNFSBrowse.h"
 #include "qsNFSErrorMap.h"
 #include "qsNFSStatus.h"
 #include "qsNetUtils.h"
 #include "qsRPCWrappers.h"
 #include "qsSysInfo.h"
-#include "ZBuffer.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 
 namespace {
@@ -274,8 +275,8 @@ private:
         if (m_Client)
             return m_Client->Handle();
         RPCClient* client = nullptr;
-        if (qsFailed(qsStatus(CreateRPCClient(client, m_Address, kMountProgram, 3,
-                                              RPCClient::PROTOCOL_TCP))))
+        if (qsFailed(qsStatus(
+                CreateRPCClient(client, m_Address, kMountProgram, 3, RPCClient::PROTOCOL_TCP))))
             return nullptr;
         m_Client.reset(client);
         m_Client->SetAuth(m_Auth.Handle());
@@ -325,10 +326,13 @@ public:
     // connection the object has or, after a lost one, on a new one.
     bool Verify() override { return (Ping() || (Panic(), Ping())) && VerifyMore(); }
 
+    // The free space and file counts change: an export mounted earlier has
+    // its facts read again.
     int32_t FindMountPoint(const std::string& path, ExportInfo& info) override {
-        ExportInfo* found = nullptr;
+        ExportInfo* found = LongestPrefix(m_Mount.m_Exports, path);
+        bool mounted = found && found->m_RootHandleLength;
         int32_t result = MountPoint(path, found);
-        if (result == 0)
+        if (result == 0 && mounted)
             result = Fail(ReadFacts(*found));
         if (result == 0)
             info = *found;
@@ -347,9 +351,9 @@ protected:
     int32_t MountPoint(const std::string& path, ExportInfo*& info) {
         info = LongestPrefix(m_Mount.m_Exports, path);
         if (!info)
-            return Fail(TranslateError(g_Mount3ErrorMap, RPC_SUCCESS, MNT3ERR_NOENT,
-                                       "NFSBrowseImplCommon::FindMountPoint (status %d, err 0x%8.8X)",
-                                       path));
+            return Fail(TranslateError(
+                g_Mount3ErrorMap, RPC_SUCCESS, MNT3ERR_NOENT,
+                "NFSBrowseImplCommon::FindMountPoint (status %d, err 0x%8.8X)", path));
         if (info->m_RootHandleLength)
             return 0;
         int32_t result = m_Mount.Mount(*info);
@@ -486,15 +490,13 @@ public:
     int32_t Lookup(const DirEntry& directory, const std::string& name, DirEntry& entry) override;
     int32_t Write(const DirEntry& file, const void* source, int64_t offset,
                   uint32_t& count) override;
-    int32_t Read(const DirEntry& file, void* destination, int64_t offset,
-                 uint32_t& count) override;
+    int32_t Read(const DirEntry& file, void* destination, int64_t offset, uint32_t& count) override;
     int32_t CreateObject(const DirEntry& directory, DirEntry& entry) override;
     int32_t DeleteObject(const DirEntry& directory, const DirEntry& entry) override;
     int32_t RenameObject(const DirEntry& directory, DirEntry& entry,
                          const std::string& newName) override;
     int32_t ReadSymlink(const DirEntry& link, ZBuffer& text) override;
-    int32_t CreateSymlink(const DirEntry& directory, DirEntry& entry,
-                          const ZBuffer& text) override;
+    int32_t CreateSymlink(const DirEntry& directory, DirEntry& entry, const ZBuffer& text) override;
     int32_t FileExists(const DirEntry& directory, const std::string& name,
                        DirEntry& entry) override {
         return Lookup(directory, name, entry);
@@ -536,7 +538,8 @@ private:
     int32_t CreateFile(const DirEntry& directory, DirEntry& entry, createmode3 mode);
     int32_t CreateLink(const DirEntry& directory, DirEntry& entry, const std::string& text);
     int32_t FetchBatch(NFS3GetNextHandle& cursor);
-    int32_t Transfer(const DirEntry& file, NFS3Transfer*& transfer, ExportInfo::Facts& facts);
+    int32_t Transfer(const DirEntry& file, const char* format, uint32_t& count,
+                     const std::function<int32_t(NFS3Transfer&, const ExportInfo::Facts&)>& run);
 
     std::unique_ptr<NFS3Transfer> m_Transfer;
 };
@@ -549,8 +552,8 @@ int32_t NFSBrowseImpl3::ReadFacts(ExportInfo& info) {
     FSINFO3args fsinfoArgs{fh};
     Reply<FSINFO3res> fsinfo(xdr_FSINFO3res);
     clnt_stat rpc = Invoke(nfsproc3_fsinfo_3, fsinfoArgs, fsinfo.get());
-    if (int32_t r = Check(rpc, fsinfo->status, "nfsproc3_fsinfo_3 (status %d, err 0x%8.8X)",
-                          info.m_Path))
+    if (int32_t r =
+            Check(rpc, fsinfo->status, "nfsproc3_fsinfo_3 (status %d, err 0x%8.8X)", info.m_Path))
         return r;
     const FSINFO3resok& i = fsinfo->FSINFO3res_u.resok;
     f.m_ReadMax = i.rtmax, f.m_ReadPreferred = i.rtpref, f.m_ReadMultiple = i.rtmult;
@@ -564,8 +567,8 @@ int32_t NFSBrowseImpl3::ReadFacts(ExportInfo& info) {
     FSSTAT3args fsstatArgs{fh};
     Reply<FSSTAT3res> fsstat(xdr_FSSTAT3res);
     rpc = Invoke(nfsproc3_fsstat_3, fsstatArgs, fsstat.get());
-    if (int32_t r = Check(rpc, fsstat->status, "nfsproc3_fsstat_3 (status %d, err 0x%8.8X)",
-                          info.m_Path))
+    if (int32_t r =
+            Check(rpc, fsstat->status, "nfsproc3_fsstat_3 (status %d, err 0x%8.8X)", info.m_Path))
         return r;
     const FSSTAT3resok& s = fsstat->FSSTAT3res_u.resok;
     f.m_TotalBytes = s.tbytes, f.m_FreeBytes = s.fbytes, f.m_AvailableBytes = s.abytes;
@@ -751,7 +754,8 @@ int32_t NFSBrowseImpl3::CreateObject(const DirEntry& directory, DirEntry& entry)
     if (entry.m_Type == eTypeSymlink)
         return CreateLink(directory, entry, entry.m_LinkText);
     if (entry.m_Type != eTypeDirectory)
-        return Check(RPC_SUCCESS, NFS3ERR_BADTYPE, format, JoinPath(directory.m_Path, entry.m_Name));
+        return Check(RPC_SUCCESS, NFS3ERR_BADTYPE, format,
+                     JoinPath(directory.m_Path, entry.m_Name));
 
     std::string name = entry.m_Name;
     MKDIR3args args{};
@@ -926,47 +930,43 @@ int32_t NFSBrowseImpl3::Entries(const DirEntry& directory, std::vector<DirEntry>
 }
 
 // The transfer works on the NFS client of the moment: it is made anew after
-// a lost connection.
-int32_t NFSBrowseImpl3::Transfer(const DirEntry& file, NFS3Transfer*& transfer,
-                                 ExportInfo::Facts& facts) {
+// a lost connection, and a transport failure inside it drops the connection
+// as any other call's does.  `run` reads or writes with the facts of the
+// export holding the file.
+int32_t NFSBrowseImpl3::Transfer(
+    const DirEntry& file, const char* format, uint32_t& count,
+    const std::function<int32_t(NFS3Transfer&, const ExportInfo::Facts&)>& run) {
     ExportInfo* mount = LongestPrefix(m_Mount.m_Exports, file.m_Path);
-    facts = mount && mount->m_RootHandleLength ? mount->m_Facts : ExportInfo::Facts{};
+    ExportInfo::Facts facts =
+        mount && mount->m_RootHandleLength ? mount->m_Facts : ExportInfo::Facts{};
     if (!m_Transfer) {
         clnt_stat why = RPC_SUCCESS;
-        if (!Nfs(why))
-            return Check(why, NFS3_OK, "nfsproc3_read_3 (status %d, err 0x%8.8X)", file.m_Path);
+        if (!Nfs(why)) {
+            count = 0;
+            return Check(why, NFS3_OK, format, file.m_Path);
+        }
         m_Transfer = std::make_unique<NFS3Transfer>(*m_Nfs, *m_Auth, m_Address);
     }
-    transfer = m_Transfer.get();
-    return 0;
+    int32_t result = run(*m_Transfer, facts);
+    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
+        Panic();
+    return Fail(result);
 }
 
 int32_t NFSBrowseImpl3::Read(const DirEntry& file, void* destination, int64_t offset,
                              uint32_t& count) {
-    NFS3Transfer* transfer = nullptr;
-    ExportInfo::Facts facts;
-    if (int32_t r = Transfer(file, transfer, facts)) {
-        count = 0;
-        return r;
-    }
-    int32_t result = transfer->Read(file, facts, destination, offset, count);
-    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
-        Panic();
-    return Fail(result);
+    return Transfer(file, "nfsproc3_read_3 (status %d, err 0x%8.8X)", count,
+                    [&](NFS3Transfer& transfer, const ExportInfo::Facts& facts) {
+                        return transfer.Read(file, facts, destination, offset, count);
+                    });
 }
 
 int32_t NFSBrowseImpl3::Write(const DirEntry& file, const void* source, int64_t offset,
                               uint32_t& count) {
-    NFS3Transfer* transfer = nullptr;
-    ExportInfo::Facts facts;
-    if (int32_t r = Transfer(file, transfer, facts)) {
-        count = 0;
-        return r;
-    }
-    int32_t result = transfer->Write(file, facts, source, offset, count);
-    if ((uint32_t(result) & 0xFFFFFF00u) == (QS_E_RPC_CLIENT & 0xFFFFFF00u))
-        Panic();
-    return Fail(result);
+    return Transfer(file, "nfsproc3_write_3 (status %d, err 0x%8.8X)", count,
+                    [&](NFS3Transfer& transfer, const ExportInfo::Facts& facts) {
+                        return transfer.Write(file, facts, source, offset, count);
+                    });
 }
 
 } // namespace
@@ -1008,9 +1008,9 @@ long qsNFSUtils::CreateNFSBrowse(NFSBrowse*& out, unsigned long address, int uid
     // credential refused) the translation is 0 and the failure's own code
     // is returned.
     unsigned long systemError = unsigned(errno);
-    long translated =
-        TranslateError(g_DWORDErrorMap, rpc_createerr.cf_stat, systemError,
-                       "CreateNFSBrowse failed (system err 0x%8.8x, RPC status %d)", Dotted(address));
+    long translated = TranslateError(g_DWORDErrorMap, rpc_createerr.cf_stat, systemError,
+                                     "CreateNFSBrowse failed (system err 0x%8.8x, RPC status %d)",
+                                     Dotted(address));
     return translated ? translated : result;
 }
 
