@@ -126,7 +126,7 @@ int Tool::Get() {
     } else {
         struct stat st {};
         if (stat(local.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-            local += "/" + LastName(remote.path);
+            local = JoinPath(local, LastName(remote.path));
         fd = open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
         if (fd < 0)
             return FailLocal(local, "cannot open", errno);

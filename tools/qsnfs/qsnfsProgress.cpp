@@ -49,7 +49,9 @@ void Progress::Update(uint64_t done) {
         return;
     m_Last = now;
     double seconds = std::chrono::duration<double>(now - m_Start).count();
-    WriteAll(m_Fd, "\r" + Render(done, m_Total, seconds, Columns(m_Fd)));
+    std::string line(1, '\r');
+    line += Render(done, m_Total, seconds, Columns(m_Fd));
+    WriteAll(m_Fd, line);
     m_Shown = true;
 }
 
@@ -70,8 +72,11 @@ std::string Progress::Render(uint64_t done, uint64_t total, double seconds, int 
     // The last column stays empty: some terminals wrap on writing it.
     int width = std::max(10, columns - 1 - int(strlen(tail)) - 2);
     int filled = int(total ? double(done) / double(total) * width : width);
-    return "[" + std::string(size_t(filled), '#') + std::string(size_t(width - filled), ' ') +
-           "]" + tail;
+    std::string bar(size_t(width + 2), ' ');
+    bar.front() = '[';
+    bar.back() = ']';
+    bar.replace(1, size_t(filled), size_t(filled), '#');
+    return bar + tail;
 }
 
 } // namespace qsnfs
