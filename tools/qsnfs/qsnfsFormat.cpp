@@ -129,40 +129,39 @@ std::string ModeString(uint32_t type, uint32_t mode) {
     return s;
 }
 
-int64_t UnixNanoseconds(const FILETIME& ft) {
-    return (int64_t(qsFileTimeToUInt64(ft)) - int64_t(QS_FILETIME_UNIX_EPOCH)) * 100;
-}
-
 namespace {
 
-// Floor division: a time before 1970 still has a fraction counting upwards.
-void Split(const FILETIME& ft, time_t& seconds, long& nanoseconds) {
-    int64_t ns = UnixNanoseconds(ft);
-    int64_t s = ns / 1000000000;
-    int64_t rest = ns % 1000000000;
-    if (rest < 0) {
-        rest += 1000000000;
+constexpr int64_t kTicksPerSecond = int64_t(QS_FILETIME_PER_SECOND);
+
+// Seconds since 1970 and the 100-ns ticks past them, by floor division: a
+// time before 1970 still has a fraction counting upwards.  In ticks, not
+// nanoseconds: a FILETIME reaches back to 1601, which nanoseconds in 64
+// bits do not.  False when the seconds do not fit a time_t.
+bool Split(const FILETIME& ft, time_t& seconds, int64_t& ticks) {
+    int64_t t = int64_t(qsFileTimeToUInt64(ft) - QS_FILETIME_UNIX_EPOCH);
+    int64_t s = t / kTicksPerSecond;
+    ticks = t % kTicksPerSecond;
+    if (ticks < 0) {
+        ticks += kTicksPerSecond;
         --s;
     }
     seconds = time_t(s);
-    nanoseconds = long(rest);
+    return int64_t(seconds) == s;
 }
 
 std::string Render(const FILETIME& ft, bool local, const char* format, bool fraction,
                    const char* tail) {
     time_t s;
-    long ns;
-    Split(ft, s, ns);
+    int64_t ticks;
     struct tm tm {};
-    if (!(local ? localtime_r(&s, &tm) : gmtime_r(&s, &tm)))
+    if (!Split(ft, s, ticks) || !(local ? localtime_r(&s, &tm) : gmtime_r(&s, &tm)))
         return "?";
     char date[64];
     strftime(date, sizeof date, format, &tm);
     std::string out = date;
-    // 100 ns, all that a FILETIME keeps.
     if (fraction) {
-        char digits[16];
-        snprintf(digits, sizeof digits, ".%07ld", ns / 100);
+        char digits[24];
+        snprintf(digits, sizeof digits, ".%07ld", long(ticks));
         out += digits;
     }
     if (tail) {

@@ -21,8 +21,6 @@ const char* TypeName(uint32_t type);
 // set-id and sticky bits: "drwxr-sr-t".
 std::string ModeString(uint32_t type, uint32_t mode);
 
-// Nanoseconds since 1970 UTC.
-int64_t UnixNanoseconds(const FILETIME& ft);
 // "2026-11-21 14:03:07.1234567 +0100", local time.
 std::string LocalTime(const FILETIME& ft);
 // "2026-11-21 14:03", local time, as ls -l shows it.

@@ -2,7 +2,6 @@
 // FILETIMEs, df's arithmetic, and JSON that survives names that are not
 // UTF-8.
 #include "qsnfsFormat.h"
-#include "qsnfsProgress.h"
 
 #include <gtest/gtest.h>
 
@@ -32,12 +31,15 @@ TEST(QsnfsFormat, TimesFromFileTimes) {
     setenv("TZ", "XXX-1", 1); // one hour east of UTC, no summer time
     tzset();
     const int64_t t = int64_t(1795266187) * 1000000000 + 123456700;
-    EXPECT_EQ(UnixNanoseconds(Ft(t)), t);
     EXPECT_EQ(UtcTime(Ft(t)), "2026-11-21T13:03:07.1234567Z");
     EXPECT_EQ(LocalTime(Ft(t)), "2026-11-21 14:03:07.1234567 +0100");
     EXPECT_EQ(ShortTime(Ft(t)), "2026-11-21 14:03");
     // Before 1970 the fraction still counts upwards from the second.
     EXPECT_EQ(UtcTime(Ft(-100)), "1969-12-31T23:59:59.9999999Z");
+    // A time the server never set: FILETIME 0, far beyond 64-bit nanoseconds.
+    if (sizeof(time_t) == 8) {
+        EXPECT_EQ(UtcTime(FILETIME{0, 0}), "1601-01-01T00:00:00.0000000Z");
+    }
 }
 
 TEST(QsnfsFormat, EntryAndDf) {
@@ -67,16 +69,4 @@ TEST(QsnfsFormat, EntryAndDf) {
     EXPECT_EQ(df.substr(df.size() - 4), " 78%") << df; // 700 of 900, rounded up
     f = {};
     EXPECT_EQ(DfLine("h:/e", f).substr(DfLine("h:/e", f).size() - 3), " 0%");
-}
-
-TEST(QsnfsFormat, ProgressBarFitsItsLine) {
-    for (int columns : {20, 80, 200}) {
-        for (uint64_t done : {uint64_t(0), uint64_t(1) << 20, uint64_t(256) << 20}) {
-            std::string bar = Progress::Render(done, uint64_t(256) << 20, 1.0, columns);
-            EXPECT_LT(bar.size(), size_t(std::max(columns, 60))) << bar;
-            EXPECT_EQ(bar.front(), '[');
-        }
-    }
-    EXPECT_NE(Progress::Render(128 << 20, 256 << 20, 2.0, 80).find(" 50%"), std::string::npos);
-    EXPECT_NE(Progress::Render(128 << 20, 256 << 20, 2.0, 80).find("67.1 MB/s"), std::string::npos);
 }

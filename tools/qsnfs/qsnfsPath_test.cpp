@@ -46,14 +46,3 @@ TEST(QsnfsPath, RefusesMalformedPaths) {
     EXPECT_FALSE(ParseHost("fs1:x", host, why));
     EXPECT_FALSE(ParseHost("a/b", host, why));
 }
-
-TEST(QsnfsPath, SplitsAndJoins) {
-    EXPECT_EQ(ParentPath("/a/b"), "/a");
-    EXPECT_EQ(ParentPath("/a"), "/");
-    EXPECT_EQ(ParentPath("/"), "/");
-    EXPECT_EQ(LastName("/a/b"), "b");
-    EXPECT_EQ(LastName("/"), "");
-    EXPECT_EQ(JoinPath("/", "a"), "/a");
-    EXPECT_EQ(JoinPath("/a", "b"), "/a/b");
-    EXPECT_EQ(WithPath(RemotePath{"h:/x", "h", "/x"}, "/y/z").text, "h:/y/z");
-}

@@ -81,6 +81,14 @@ NFSBrowse* Tool::Browse(const std::string& host, int32_t& code) {
     auto found = m_Browse.find(host);
     if (found != m_Browse.end())
         return found->second.get();
+    // A server that could not be reached once is not tried again for each
+    // path: a dead one would cost the RPC time-outs every time.
+    auto failed = m_BrowseFailures.find(host);
+    if (failed != m_BrowseFailures.end()) {
+        code = failed->second.first;
+        m_CreateDetail = failed->second.second;
+        return nullptr;
+    }
     static const qsNFSUtils::eUseProtocol kProtocols[] = {
         qsNFSUtils::eUseTCPThenUDP, qsNFSUtils::eUseTCP, qsNFSUtils::eUseUDP};
     NFSBrowse* browse = nullptr;
@@ -90,6 +98,7 @@ NFSBrowse* Tool::Browse(const std::string& host, int32_t& code) {
         m_CreateDetail = CreateErrorDetail();
         if (!Failed(code))
             code = int32_t(QS_E_RPC_CLIENT);
+        m_BrowseFailures[host] = {code, m_CreateDetail};
         return nullptr;
     }
     m_Browse[host].reset(browse);
@@ -164,6 +173,7 @@ int Tool::Fail(const RemotePath& remote, int32_t code, const std::string& reason
     std::string why = reason.empty() ? Reason(qsStatus(code)) : reason;
     if (reason.empty() && !m_CreateDetail.empty())
         why += ": " + m_CreateDetail;
+    m_CreateDetail.clear();
     fprintf(stderr, "qsnfs: %s %s: %s (0x%08X)%s\n", m_Opt.command.c_str(), remote.text.c_str(),
             why.c_str(), unsigned(code), tail.c_str());
     return kExitFailed;

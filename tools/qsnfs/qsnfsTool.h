@@ -70,8 +70,10 @@ private:
     const Options& m_Opt;
     uint32_t m_Umask;
     std::map<std::string, std::unique_ptr<qsNFSUtils::NFSBrowse>> m_Browse;
-    // Why the last browse object could not be made, beyond its code: the
-    // C library's reason, "connection refused" and the like.
+    std::map<std::string, std::pair<int32_t, std::string>> m_BrowseFailures; // code, detail
+    // Why the browse object just asked for could not be made, beyond its
+    // code: the C library's reason, "connection refused" and the like.  The
+    // next failure's line shows it and clears it.
     std::string m_CreateDetail;
 };
 
