@@ -65,8 +65,8 @@ endif()
 # Generates <name>.h, <name>_xdr.c and <name>_clnt.c for each definition and
 # compiles them into <target>, as C.  The headers carry extern "C" and are
 # included only by the library's internal headers and sources: they #define
-# the protocol's procedure names.  They are never installed; libtirpc's own
-# headers are compiled against here, and linked by whoever links <target>.
+# the protocol's procedure names, and are never installed.  Only libtirpc's
+# headers are added here: the libraries made of <target> link libtirpc.
 #   -M    stubs that return the transport status and decode into the caller's
 #         result record (no static result shared by all threads)
 #   -i 0  no inline XDR code (it stores through `register` pointers)
