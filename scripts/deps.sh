@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs package)
 # Packages named NAME:i386 bring in the i386 architecture first.  Installs
 # what can be had; exits non-zero, with apt's last words on stderr (per
 # package when there were several), when something cannot be had.
@@ -17,6 +17,8 @@ declare -A GROUP=(
     [m32libs]="libcrypt-dev:i386 libtirpc-dev:i386"
     # The NFS client and the real server its tests run against (tests/nfs).
     [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
+    # CPack's Debian packages: dpkg-shlibdeps, and file to tell binaries apart.
+    [package]="dpkg-dev file"
 )
 
 wanted=()
