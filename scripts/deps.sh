@@ -18,7 +18,7 @@ declare -A GROUP=(
     # The NFS client and the real server its tests run against (tests/nfs).
     [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
     # CPack's Debian packages: dpkg-shlibdeps, and file to tell binaries apart.
-    [package]="dpkg-dev file"
+    [package]="dpkg-dev file lintian systemd"
 )
 
 wanted=()
