@@ -17,7 +17,8 @@ declare -A GROUP=(
     [m32libs]="libcrypt-dev:i386 libtirpc-dev:i386"
     # The NFS client and the real server its tests run against (tests/nfs).
     [nfs]="libtirpc-dev rpcsvc-proto rpcbind nfs-common nfs-ganesha nfs-ganesha-vfs iproute2"
-    # CPack's Debian packages: dpkg-shlibdeps, and file to tell binaries apart.
+    # CPack's Debian packages: dpkg-shlibdeps, file to tell binaries apart,
+    # lintian and systemd-analyze (the example unit) to check what is made.
     [package]="dpkg-dev file lintian systemd"
 )
 
