@@ -8,7 +8,8 @@
 //          on a default stream (flush every 16384 records, amortized),
 //          ZLogFile::NewRecord alone (placement only, and with clock/ids);
 //   floor  a minimal ring laid out like ours, with its lock and without, and
-//          with getpid() called where the original design calls it;
+//          with getpid() called three times per message, as an appender
+//          that does not cache the process id must;
 //   peers  spdlog (pattern "%v", default pattern, flush after every
 //          message), one write(2) per message, syslog(3) when a daemon
 //          listens on /dev/log, glog;

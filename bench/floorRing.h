@@ -62,8 +62,8 @@ public:
         gettimeofday(&tv, nullptr);
         uint64_t time =
             (uint64_t(tv.tv_sec) * 1000000 + uint64_t(tv.tv_usec)) * 10 + 116444736000000000ULL;
-        // The three getpid() calls of the original design: the record, the
-        // lock's owner and the unlock's owner test.
+        // Uncached, the process id costs three getpid() calls per message:
+        // the record, the lock's owner and the unlock's owner test.
         uint32_t pid = pidMode == kPidCached ? m_Pid : uint32_t(getpid());
         uint32_t tid = uint32_t(uintptr_t(pthread_self()));
         if (lock) {

@@ -52,11 +52,21 @@ if(NOT QS_NFS_LINKS)
                    "libtirpc (${QS_TIRPC_LIBRARIES}); no NFS test is linked or run")
 endif()
 
+# libtirpc as one target, under the name the installed CMake package gives it
+# too (cmake/qsConfig.cmake), so that the exported library refers to it alike.
+if(NOT TARGET qs::tirpc)
+    add_library(qs::tirpc INTERFACE IMPORTED)
+    set_target_properties(qs::tirpc PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${QS_TIRPC_INCLUDE_DIRS}"
+        INTERFACE_LINK_LIBRARIES "${QS_TIRPC_LIBRARIES}")
+endif()
+
 # qs_rpcgen(<target> <definition.x>...)
 # Generates <name>.h, <name>_xdr.c and <name>_clnt.c for each definition and
 # compiles them into <target>, as C.  The headers carry extern "C" and are
 # included only by the library's internal headers and sources: they #define
-# the protocol's procedure names.
+# the protocol's procedure names, and are never installed.  Only libtirpc's
+# headers are added here: the libraries made of <target> link libtirpc.
 #   -M    stubs that return the transport status and decode into the caller's
 #         result record (no static result shared by all threads)
 #   -i 0  no inline XDR code (it stores through `register` pointers)
@@ -90,9 +100,6 @@ function(qs_rpcgen target)
     # The stubs cast xdr_void to xdrproc_t, as every rpcgen stub does.
     set_source_files_properties(${generated_c} PROPERTIES COMPILE_OPTIONS -Wno-cast-function-type)
     target_include_directories(${target} PUBLIC ${out} ${QS_TIRPC_INCLUDE_DIRS})
-    if(QS_NFS_LINKS)
-        target_link_libraries(${target} PUBLIC ${QS_TIRPC_LIBRARIES})
-    endif()
 endfunction()
 
 # The real NFS server of the tests (tests/nfs/qsNFSServer.sh), one per build

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a step needs, only those missing, quietly.
-# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs nfsbench)
+# Usage: scripts/deps.sh GROUP...   (groups: build tools bench fuzz m32 m32libs nfs nfsbench package)
 # Packages named NAME:i386 bring in the i386 architecture first.  Installs
 # what can be had; exits non-zero, with apt's last words on stderr (per
 # package when there were several), when something cannot be had.
@@ -20,6 +20,9 @@ declare -A GROUP=(
     # scripts/bench-nfs.sh: the reference client (nfs-cat, nfs-cp) and a plain
     # TCP copy over loopback as the limit.
     [nfsbench]="libnfs-utils socat"
+    # CPack's Debian packages: dpkg-shlibdeps, file to tell binaries apart,
+    # lintian and systemd-analyze (the example unit) to check what is made.
+    [package]="dpkg-dev file lintian systemd"
 )
 
 wanted=()

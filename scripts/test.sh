@@ -1,22 +1,35 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test, four times over:
-#   build/        the ordinary build: unit, process, stress and replayed fuzz tests
-#   build-asan/   the same under AddressSanitizer and UndefinedBehaviorSanitizer
-#   build-m32/    a 32-bit (i386) build, the library's own platform: built
-#                 whenever apt provides the multilib compiler, its tests run
-#                 whenever this machine executes i386 programs (one line says
-#                 why when either is not so)
-#   build-fuzz/   clang + libFuzzer: each fuzz target for QS_FUZZ_SECONDS
+# Installs what is missing, builds, and runs every test:
+#   build/         the ordinary build: unit, process, stress and replayed fuzz
+#                  tests; then installed into a temporary prefix, and a program
+#                  built on that installation (tests/install/consumer.sh)
+#   build-package/ the Debian packages (scripts/package.sh), installed into this
+#                  system, used and purged again (tests/install/packages.sh)
+#   build-asan/    build/'s tests under AddressSanitizer and UndefinedBehaviorSanitizer
+#   build-m32/     a 32-bit (i386) build, the library's own platform: built
+#                  whenever apt provides the multilib compiler, its tests run
+#                  whenever this machine executes i386 programs (one line says
+#                  why when either is not so)
+#   build-fuzz/    clang + libFuzzer: each fuzz target for QS_FUZZ_SECONDS
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 fuzz_seconds=${QS_FUZZ_SECONDS:-15}
 
-scripts/deps.sh build tools fuzz nfs
+scripts/deps.sh build tools fuzz nfs package
 
 echo "== build and test (build/)"
 scripts/build.sh build -DQS_BUILD_TESTS=ON
 ctest --test-dir build -j "$jobs" --output-on-failure --timeout 300
+
+echo "== install build/ into a temporary prefix and build a program on it (build/install-test/)"
+rm -rf build/install-test
+cmake --install build --prefix "$PWD/build/install-test/prefix" >/dev/null
+tests/install/consumer.sh "$PWD/build/install-test/prefix" build/install-test/consumer
+
+echo "== Debian packages: build, install into this system, use, purge (build-package/)"
+scripts/package.sh >/dev/null
+tests/install/packages.sh build-package/packages build-package/package-test
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)"
 scripts/build.sh build-asan -DQS_SANITIZE=address,undefined

@@ -421,3 +421,60 @@ TEST(ZMutexTest, ARaceAtAnyStepOfALockerLosesNoWakeUp) {
     }
     EXPECT_TRUE(reachedSleep);
 }
+
+// The same from the other side: the owner, a forked child, is single-stepped
+// through its release, and after its k-th instruction (k = 0, 1, ... until
+// it has released and exited) a locker comes and either takes the mutex or
+// goes to sleep on it.  Whatever the owner had already read of the lock word
+// when the locker marked it, the rest of its release must wake the locker.
+// The locker's wait is limited only so that a lost wake-up fails the test
+// rather than hanging it: whole seconds, so the deadline is never refused.
+TEST(ZMutexTest, ARaceAtAnyStepOfAReleaseLosesNoWakeUp) {
+    bool released = false;
+    for (int k = 0; k < 4000 && !released; k++) {
+        ZMutex m;
+        ASSERT_EQ(m.Create(UniqueName("release").c_str(), false), QS_OK);
+        pid_t owner = fork();
+        if (owner == 0) {
+            alarm(120);
+            if (m.Lock(ZMUTEX_INFINITE) != QS_OK || ptrace(PTRACE_TRACEME, 0, nullptr, nullptr))
+                _exit(3);
+            // Raw calls, already bound: the steps begin a few instructions
+            // before Unlock and end right after it, not in the dynamic linker.
+            syscall(SYS_kill, getpid(), SIGSTOP);
+            syscall(SYS_exit_group, m.Unlock() == QS_OK ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(owner, &status, 0), owner);
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 3)
+            GTEST_SKIP() << "this machine does not allow tracing a child";
+        ASSERT_TRUE(WIFSTOPPED(status));
+        for (int step = 0; step < k && !released; step++) {
+            ASSERT_EQ(ptrace(PTRACE_SINGLESTEP, owner, nullptr, nullptr), 0);
+            ASSERT_EQ(waitpid(owner, &status, 0), owner);
+            released = !WIFSTOPPED(status);
+        }
+        if (released) {
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            break;
+        }
+
+        std::atomic<pid_t> tid{0};
+        std::atomic<bool> done{false};
+        qsStatus got = QS_OK;
+        std::thread locker([&] {
+            tid = pid_t(syscall(SYS_gettid));
+            got = m.Lock(30000);
+            if (got == QS_OK)
+                m.Unlock();
+            done = true;
+        });
+        EXPECT_TRUE(
+            qsTest::WaitUntil([&] { return done || (tid && qsTest::AsleepIn(tid, SYS_futex)); }));
+        EXPECT_EQ(ptrace(PTRACE_DETACH, owner, nullptr, nullptr), 0);
+        EXPECT_EQ(Reap(owner), 0) << "step " << k;
+        locker.join();
+        ASSERT_EQ(got, QS_OK) << "the locker slept through the release after step " << k;
+    }
+    EXPECT_TRUE(released);
+}

@@ -33,7 +33,8 @@ void qsGuidFromTime(uint64_t seconds, uint32_t microseconds, GUID* guid) {
     if (!hash)
         return;
     // Characters 2 to 7: the first six after the salt.
-    for (size_t i = 2, n = strnlen(hash, 8); i < n; ++i)
+    size_t n = strnlen(hash, sizeof guid->Data4);
+    for (size_t i = 2; i < n && i < sizeof guid->Data4; ++i)
         guid->Data4[i] = BYTE(hash[i]);
 }
 

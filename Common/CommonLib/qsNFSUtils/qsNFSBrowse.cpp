@@ -123,8 +123,10 @@ long TranslateError(ErrorMap<T>& map, clnt_stat rpcStatus, T status, const std::
                     const std::string& detail) {
     long result = Code(QS_E_NFS_NO_FAILURE);
     std::string text = format;
-    if (!detail.empty())
-        text += " " + LiteralForFormat(detail);
+    if (!detail.empty()) {
+        text += ' ';
+        text += LiteralForFormat(detail);
+    }
     if (rpcStatus != RPC_SUCCESS)
         result = g_RPCErrorMap.TranslateError(rpcStatus);
     else if (status != Success)
