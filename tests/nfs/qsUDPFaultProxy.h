@@ -40,6 +40,9 @@ public:
         // WRITE and COMMIT replies after the nth WRITE reply carry another
         // verifier, as from a server that restarted.
         int changeVerifierAfter = 0;
+        // READ replies with more data than this are cut to it and lose their
+        // end-of-file flag, as from a server that answers short.
+        int cutReadsTo = -1;
     };
 
     // One call as it passed: procedure, and for READ and WRITE the offset
@@ -168,6 +171,8 @@ private:
         if ((procedure == 7 || procedure == 21) && m_Script.changeVerifierAfter &&
             m_WriteReplies > m_Script.changeVerifierAfter)
             reply[reply.size() - 1] ^= 0x5A;
+        if (procedure == 6 && m_Script.cutReadsTo >= 0)
+            CutRead(reply);
         int count = ++m_ReplyCount;
         if (Every(m_Script.dropReplyEvery, count))
             return;
@@ -181,6 +186,21 @@ private:
         for (const auto& held : m_Held)
             ToClient(held);
         m_Held.clear();
+    }
+
+    // A successful READ reply: header, verifier, accept status, NFS status,
+    // attributes, then count, eof, the data's length and the data.
+    void CutRead(std::vector<char>& reply) {
+        size_t at = 20 + ((Word(reply.data() + 16) + 3) & ~3u);
+        if (reply.size() < at + 12 || Word(reply.data() + at) || Word(reply.data() + at + 4))
+            return;
+        at += 12 + (Word(reply.data() + at + 8) ? 84 : 0);
+        uint32_t cut = uint32_t(m_Script.cutReadsTo);
+        if (reply.size() < at + 12 || Word(reply.data() + at + 8) <= cut)
+            return;
+        uint32_t fields[3] = {htonl(cut), 0, htonl(cut)};
+        memcpy(reply.data() + at, fields, sizeof fields);
+        reply.resize(at + 12 + ((cut + 3) & ~3u));
     }
 
     void Relay() {
