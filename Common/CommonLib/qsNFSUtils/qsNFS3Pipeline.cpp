@@ -62,6 +62,16 @@ constexpr int kDatagramReceiveBuffer = 1 << 20;
 // of different browse objects on different threads take turns.
 std::mutex g_ReceiveLock;
 
+// Replies that came after their transfer ended (duplicates, answers to
+// calls sent again) would be taken by the C library's UDP client for a
+// reply to its own call: it sends that call again on each and counts a
+// whole retransmission interval against its time-out.
+void DropQueued(int socket) {
+    char byte;
+    while (recv(socket, &byte, 1, MSG_DONTWAIT) >= 0) {
+    }
+}
+
 constexpr uint32_t RoundUp4(uint32_t n) {
     return (n + 3) & ~3u;
 }
@@ -99,7 +109,7 @@ public:
     explicit DatagramCarrier(RPCClient& udp) : m_Udp(udp) {}
     int Socket() const { return m_Udp.Socket(); }
     clnt_stat Skip() { return RPC_SUCCESS; }
-    void Settle() {}
+    void Settle() { DropQueued(m_Udp.Socket()); }
 
 protected:
     template <class Args>
@@ -626,6 +636,10 @@ qsNFSUtils::NFS3Datagrams::NFS3Datagrams(RPCClient& udp) : m_Udp(udp), m_Staging
     // A full window of replies arriving at once must not overrun the socket.
     int size = kDatagramReceiveBuffer;
     setsockopt(m_Udp.Socket(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+}
+
+void qsNFSUtils::NFS3Datagrams::DropQueued() {
+    ::DropQueued(m_Udp.Socket());
 }
 
 uint32_t qsNFSUtils::NFS3Datagrams::PieceSize(const nfs_fh3& file, uint32_t serverMax) const {

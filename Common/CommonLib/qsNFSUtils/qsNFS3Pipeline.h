@@ -64,6 +64,11 @@ public:
     int32_t Write(const nfs_fh3& file, const std::string& path, uint32_t pieceSize,
                   const char* source, uint64_t offset, uint32_t count, WritePass& pass);
 
+    // Drops the datagrams waiting on the client's socket: between transfers
+    // they are late replies to calls already settled.  Each transfer does
+    // it as it ends; call it before a synchronous call on the same client.
+    void DropQueued();
+
 private:
     RPCClient& m_Udp;
     // READ data lands here first: RecvReply decodes a reply before its id

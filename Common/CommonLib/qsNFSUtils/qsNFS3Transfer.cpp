@@ -185,7 +185,8 @@ struct NFS3Transfer::State {
 int32_t NFS3Transfer::State::Datagrams(const std::string& path, NFS3Datagrams*& datagrams) {
     if (!m_Datagrams) {
         RPCClient* udp = &m_Nfs;
-        if (m_Nfs.ProtocolUsed() != RPCClient::PROTOCOL_UDP) {
+        // A client made from a host name has no address to send datagrams to.
+        if (m_Nfs.ProtocolUsed() != RPCClient::PROTOCOL_UDP || m_Nfs.Socket() < 0) {
             RPCClient* created = nullptr;
             rpc_createerr.cf_stat = RPC_SUCCESS;
             if (qsFailed(qsStatus(CreateRPCClient(created, m_Address, kNfsProgram, kNfsVersion,
@@ -225,7 +226,9 @@ int32_t NFS3Transfer::Read(const DirEntry& file, const ExportInfo::Facts& limits
         RPCClient& nfs = m_State->m_Nfs;
         uint32_t chunk = ChunkSize(limits.m_Known, limits.m_ReadPreferred, limits.m_ReadMax,
                                    limits.m_ReadMultiple, nfs.ProtocolUsed());
-        if (nfs.ProtocolUsed() == RPCClient::PROTOCOL_UDP)
+        // The stream needs the connection's socket, which a client made
+        // from a host name does not tell.
+        if (nfs.ProtocolUsed() == RPCClient::PROTOCOL_UDP || nfs.Socket() < 0)
             return PlainRead(nfs.Handle(), fh, file.m_Path, chunk, into, uint64_t(offset), count);
         if (!m_State->m_Stream)
             m_State->m_Stream = std::make_unique<NFS3Stream>(nfs);
@@ -295,6 +298,7 @@ bool NFS3Transfer::Verify() {
     State& s = *m_State;
     if (!s.m_Udp)
         return !s.m_UdpFailed;
+    s.m_Datagrams->DropQueued();
     char none = 0;
     return clnt_call(s.m_Udp->Handle(), NFSPROC3_NULL, XdrProc(XdrNothing), &none,
                      XdrProc(XdrNothing), &none, kVerifyTimeout) == RPC_SUCCESS;
