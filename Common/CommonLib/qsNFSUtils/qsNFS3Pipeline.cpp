@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -37,8 +38,10 @@ constexpr uint32_t kReplyVerifierAllowance = 32;
 // The protocol's limit on a credential's or verifier's body.
 constexpr uint32_t kMaxAuthBody = 400;
 constexpr uint32_t kFileAttributesSize = 84; // fattr3 on the wire
+constexpr uint32_t kWccAttributesSize = 24;  // wcc_attr: size, mtime, ctime
 
 const std::string kReadFormat = "nfsproc3_read_3 (status %d, err 0x%8.8X)";
+const std::string kWriteFormat = "nfsproc3_write_3 (status %d, err 0x%8.8X)";
 const std::string kPipelineFormat = "NFSBrowseImpl3::ScatterGatherIO (status %d, err 0x%8.8X)";
 
 // How many calls a carrier keeps in flight and how long it waits for each.
@@ -52,8 +55,8 @@ struct Policy {
 // 250 ms, then after twice as long each time up to 2 s: about 8 s of
 // silence fails the transfer, well before the 25 s the stubs wait.
 constexpr Policy kDatagramPolicy{16, 6, 250ms, 2s};
-// TCP loses nothing: one try, as long as a stub waits.  Four reads in
-// flight keep the server busy while the client drains a reply.
+// TCP loses nothing: one try, as long as a stub waits.  Four calls in
+// flight keep the server busy while the client sends or drains another.
 constexpr Policy kStreamPolicy{4, 1, 25s, 25s};
 constexpr int kStreamWaitMs = 25000;
 constexpr int kDatagramReceiveBuffer = 1 << 20;
@@ -166,49 +169,92 @@ private:
     READ3res m_Result{};
 };
 
-class DatagramWrite : public DatagramCarrier {
+// What the WRITEs of both carriers share: the range they send and what
+// their replies tell the pass.
+class WriteRange {
 public:
-    DatagramWrite(RPCClient& udp, const nfs_fh3& file, uint64_t offset, const char* source,
-                  WritePass& pass)
-        : DatagramCarrier(udp), m_File(file), m_Offset(offset), m_Source(source), m_Pass(pass) {}
+    WriteRange(const nfs_fh3& file, uint64_t offset, const char* source, WritePass& pass)
+        : m_File(file), m_Offset(offset), m_Source(source), m_Pass(pass) {}
 
-    clnt_stat Send(uint32_t at, uint32_t length, unsigned& xid) {
-        WRITE3args args{
-            m_File, m_Offset + at, length, UNSTABLE, {length, const_cast<char*>(m_Source + at)}};
-        return DatagramCarrier::Send(NFSPROC3_WRITE, XdrProc(xdr_WRITE3args), args, xid);
-    }
-    Head Receive(unsigned& xid, clnt_stat& status) {
-        m_Result = {};
-        return DatagramCarrier::Receive(XdrProc(xdr_WRITE3res), &m_Result, xid, status);
-    }
     Progress Take() const { return {m_Result.status, m_Result.WRITE3res_u.resok.count, false}; }
-    clnt_stat Place(uint32_t, uint32_t) {
-        m_Pass.Note(m_Result.WRITE3res_u.resok);
-        return RPC_SUCCESS;
-    }
     static constexpr bool kStopsAtEof = false;
+
+protected:
+    WRITE3args Args(uint32_t at, uint32_t length) const {
+        return {
+            m_File, m_Offset + at, length, UNSTABLE, {length, const_cast<char*>(m_Source + at)}};
+    }
+    void Note() { m_Pass.Note(m_Result.WRITE3res_u.resok); }
+
+    WRITE3res m_Result{};
 
 private:
     nfs_fh3 m_File;
     uint64_t m_Offset;
     const char* m_Source;
     WritePass& m_Pass;
-    WRITE3res m_Result{};
 };
 
-// READ over a TCP connection, parsed by hand so that the data goes from the
-// socket straight into its place: the C library's record stream would
-// receive it into a buffer of its own and copy it once more.
-class StreamRead {
+class DatagramWrite : public DatagramCarrier, public WriteRange {
 public:
-    StreamRead(RPCClient& tcp, uint32_t& nextXid, const nfs_fh3& file, uint64_t offset,
-               char* destination)
-        : m_Socket(tcp.Socket()), m_Auth(tcp.Handle()->cl_auth), m_NextXid(nextXid), m_File(file),
-          m_Offset(offset), m_Destination(destination) {}
+    DatagramWrite(RPCClient& udp, const nfs_fh3& file, uint64_t offset, const char* source,
+                  WritePass& pass)
+        : DatagramCarrier(udp), WriteRange(file, offset, source, pass) {}
+
+    clnt_stat Send(uint32_t at, uint32_t length, unsigned& xid) {
+        WRITE3args args = Args(at, length);
+        return DatagramCarrier::Send(NFSPROC3_WRITE, XdrProc(xdr_WRITE3args), args, xid);
+    }
+    Head Receive(unsigned& xid, clnt_stat& status) {
+        m_Result = {};
+        return DatagramCarrier::Receive(XdrProc(xdr_WRITE3res), &m_Result, xid, status);
+    }
+    clnt_stat Place(uint32_t, uint32_t) {
+        Note();
+        return RPC_SUCCESS;
+    }
+};
+
+// The common part of the stream procedures: calls record-marked onto a TCP
+// client's connection and replies parsed by hand, so that READ data goes
+// from the socket straight into its place and WRITE data from the caller's
+// buffer straight into the socket; the C library's record stream would pass
+// both through a buffer of its own.
+class StreamCarrier {
+public:
+    StreamCarrier(RPCClient& tcp, uint32_t& nextXid)
+        : m_Socket(tcp.Socket()), m_Auth(tcp.Handle()->cl_auth), m_NextXid(nextXid) {}
 
     int Socket() const { return m_Socket; }
 
-    clnt_stat Send(uint32_t at, uint32_t length, unsigned& xid) {
+    clnt_stat Skip() {
+        if (!Discard(m_Pending) || !SkipRecord())
+            return Break(m_Why);
+        m_Pending = 0;
+        return RPC_SUCCESS;
+    }
+
+    // Replies still on their way (to pieces past the end of the file, or
+    // after a failure) are read and dropped, so that the connection is left
+    // between records.
+    void Settle() {
+        while (!m_Broken && m_Outstanding > 0) {
+            unsigned xid;
+            clnt_stat status;
+            if (ReceiveHeader(xid, status) == Head::Broken || Skip() != RPC_SUCCESS)
+                break;
+        }
+        if (m_Broken)
+            shutdown(m_Socket, SHUT_RDWR);
+    }
+
+protected:
+    // One call of `procedure`: `encode` writes the arguments but for the
+    // `length` bytes of `data` that close them (an opaque's body), which
+    // follow from where they are, padded.
+    template <class Args>
+    clnt_stat Send(long procedure, bool_t (*encode)(XDR*, Args*), Args& args, const char* data,
+                   uint32_t length, unsigned& xid) {
         char call[1024];
         XDR xdrs;
         xdrmem_create(&xdrs, call + 4, sizeof call - 4, XDR_ENCODE);
@@ -218,31 +264,29 @@ public:
         header.rm_call.cb_rpcvers = RPC_MSG_VERSION;
         header.rm_call.cb_prog = kNfsProgram;
         header.rm_call.cb_vers = kNfsVersion;
-        long procedure = NFSPROC3_READ;
-        READ3args args{m_File, m_Offset + at, length};
         if (!xdr_callhdr(&xdrs, &header) || !XDR_PUTLONG(&xdrs, &procedure) ||
-            !AUTH_MARSHALL(m_Auth, &xdrs) || !xdr_READ3args(&xdrs, &args))
+            !AUTH_MARSHALL(m_Auth, &xdrs) || !encode(&xdrs, &args))
             return RPC_CANTENCODEARGS;
         uint32_t size = XDR_GETPOS(&xdrs);
-        uint32_t mark = htonl(0x80000000u | size); // one fragment, the last
+        // One fragment, the record's last.
+        uint32_t mark = htonl(0x80000000u | (size + RoundUp4(length)));
         memcpy(call, &mark, 4);
-        for (uint32_t sent = 0; sent < size + 4;) {
-            ssize_t n = send(m_Socket, call + sent, size + 4 - sent, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return Break(RPC_CANTSEND);
-            sent += uint32_t(n);
-        }
+        static const char zeros[4] = {};
+        iovec parts[3] = {{call, size + 4},
+                          {const_cast<char*>(data), length},
+                          {const_cast<char*>(zeros), RoundUp4(length) - length}};
+        if (!SendAll(parts, 3))
+            return Break(RPC_CANTSEND);
         ++m_Outstanding;
         return RPC_SUCCESS;
     }
 
-    Head Receive(unsigned& xid, clnt_stat& status) {
+    // The reply's header, up to the procedure's results.  A reply that
+    // reports a failure of the call is read to its end.
+    Head ReceiveHeader(unsigned& xid, clnt_stat& status) {
         m_Left = 0;
         m_Last = false;
         m_Pending = 0;
-        m_Progress = {NFS3_OK, 0, false};
         uint32_t w[3];
         if (!Words(w, 3))
             return Broken(status);
@@ -268,54 +312,32 @@ public:
             status = w[0] < std::size(kAccepted) ? kAccepted[w[0]] : RPC_FAILED;
             return EndOfRecord(status);
         }
-        // READ3res: status, file attributes, then on success count, eof and
-        // the data's length.
-        if (!Words(w, 2) || (w[1] && !Discard(kFileAttributesSize)))
-            return Broken(status, RPC_CANTDECODERES);
-        m_Progress.status = nfsstat3(w[0]);
-        if (m_Progress.status != NFS3_OK)
-            return EndOfRecord(status);
-        if (!Words(w, 3))
-            return Broken(status, RPC_CANTDECODERES);
-        m_Progress.eof = w[1] != 0;
-        m_Progress.bytes = w[2];
-        m_Pending = RoundUp4(w[2]);
         return Head::Reply;
     }
 
-    Progress Take() const { return m_Progress; }
-
-    clnt_stat Place(uint32_t at, uint32_t bytes) {
-        if (!Bytes(m_Destination + at, bytes))
-            return Break(m_Why);
-        m_Pending -= bytes;
-        return Skip();
+    // The reply up to the results' status and the attributes after it (READ
+    // has one post_op_attr, WRITE a wcc_data: a pre_op_attr, then a
+    // post_op_attr).  `more` tells whether the results go on, as they do
+    // after NFS3_OK; otherwise the reply has been read to its end.
+    Head ReceiveResults(unsigned& xid, clnt_stat& status, nfsstat3& result, bool wcc, bool& more) {
+        more = false;
+        Head head = ReceiveHeader(xid, status);
+        if (head != Head::Reply || status != RPC_SUCCESS)
+            return head;
+        uint32_t w;
+        if (!Words(&w, 1))
+            return Broken(status, RPC_CANTDECODERES);
+        result = nfsstat3(w);
+        if (wcc && (!Words(&w, 1) || (w && !Discard(kWccAttributesSize))))
+            return Broken(status, RPC_CANTDECODERES);
+        if (!Words(&w, 1) || (w && !Discard(kFileAttributesSize)))
+            return Broken(status, RPC_CANTDECODERES);
+        if (result != NFS3_OK)
+            return EndOfRecord(status);
+        more = true;
+        return Head::Reply;
     }
 
-    clnt_stat Skip() {
-        if (!Discard(m_Pending) || !SkipRecord())
-            return Break(m_Why);
-        m_Pending = 0;
-        return RPC_SUCCESS;
-    }
-
-    // Replies still on their way (to pieces past the end of the file, or
-    // after a failure) are read and dropped, so that the connection is left
-    // between records.
-    void Settle() {
-        while (!m_Broken && m_Outstanding > 0) {
-            unsigned xid;
-            clnt_stat status;
-            if (Receive(xid, status) == Head::Broken || Skip() != RPC_SUCCESS)
-                break;
-        }
-        if (m_Broken)
-            shutdown(m_Socket, SHUT_RDWR);
-    }
-
-    static constexpr bool kStopsAtEof = true;
-
-private:
     clnt_stat Break(clnt_stat why) {
         m_Broken = true;
         return why;
@@ -354,6 +376,22 @@ private:
         return true;
     }
 
+    bool Discard(size_t n) {
+        char scratch[4096];
+        while (n) {
+            size_t take = std::min(n, sizeof scratch);
+            if (!Bytes(scratch, take))
+                return false;
+            n -= take;
+        }
+        return true;
+    }
+
+    // Data and padding of the current reply not taken yet.
+    uint32_t m_Pending = 0;
+    clnt_stat m_Why = RPC_CANTRECV;
+
+private:
     bool NextFragment() {
         uint32_t mark;
         if (m_Last) { // the record ended before the reply did
@@ -365,17 +403,6 @@ private:
         mark = ntohl(mark);
         m_Last = mark >> 31;
         m_Left = mark & 0x7FFFFFFF;
-        return true;
-    }
-
-    bool Discard(size_t n) {
-        char scratch[4096];
-        while (n) {
-            size_t take = std::min(n, sizeof scratch);
-            if (!Bytes(scratch, take))
-                return false;
-            n -= take;
-        }
         return true;
     }
 
@@ -393,8 +420,8 @@ private:
         return true;
     }
 
-    // Waits for data only when none is there, so that a reply already in
-    // the socket costs one call per stretch.
+    // Waits only when the socket has nothing, so that a reply already there
+    // costs one call per stretch; never longer than a stub would.
     bool RecvAll(char* at, size_t n) {
         while (n) {
             ssize_t got = recv(m_Socket, at, n, MSG_DONTWAIT);
@@ -407,36 +434,139 @@ private:
                 m_Why = RPC_CANTRECV;
                 return false;
             }
-            pollfd readable{m_Socket, POLLIN, 0};
-            int ready = poll(&readable, 1, kStreamWaitMs);
-            if (ready == 0) {
-                m_Why = RPC_TIMEDOUT;
+            if (!Await(POLLIN))
                 return false;
+        }
+        return true;
+    }
+
+    bool SendAll(iovec* parts, size_t count) {
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = count;
+        while (message.msg_iovlen) {
+            ssize_t sent = sendmsg(m_Socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (sent < 0) {
+                if ((errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) || !Await(POLLOUT))
+                    return false;
+                continue;
             }
-            if (ready < 0 && errno != EINTR) {
-                m_Why = RPC_CANTRECV;
-                return false;
+            size_t done = size_t(sent);
+            while (message.msg_iovlen && done >= message.msg_iov->iov_len) {
+                done -= message.msg_iov->iov_len;
+                ++message.msg_iov;
+                --message.msg_iovlen;
+            }
+            if (message.msg_iovlen) {
+                message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + done;
+                message.msg_iov->iov_len -= done;
             }
         }
         return true;
     }
 
+    bool Await(short event) {
+        pollfd ready{m_Socket, event, 0};
+        int n = poll(&ready, 1, kStreamWaitMs);
+        if (n > 0 || (n < 0 && errno == EINTR))
+            return true;
+        m_Why = n == 0 ? RPC_TIMEDOUT : RPC_CANTRECV;
+        return false;
+    }
+
     int m_Socket;
     AUTH* m_Auth;
     uint32_t& m_NextXid;
+    // The reply being read: what is left of its current fragment, and
+    // whether that fragment is the record's last.
+    uint32_t m_Left = 0;
+    bool m_Last = false;
+    size_t m_Outstanding = 0; // calls sent whose reply has not been read
+    bool m_Broken = false;
+};
+
+class StreamRead : public StreamCarrier {
+public:
+    StreamRead(RPCClient& tcp, uint32_t& nextXid, const nfs_fh3& file, uint64_t offset,
+               char* destination)
+        : StreamCarrier(tcp, nextXid), m_File(file), m_Offset(offset), m_Destination(destination) {}
+
+    clnt_stat Send(uint32_t at, uint32_t length, unsigned& xid) {
+        READ3args args{m_File, m_Offset + at, length};
+        return StreamCarrier::Send(NFSPROC3_READ, xdr_READ3args, args, nullptr, 0, xid);
+    }
+
+    Head Receive(unsigned& xid, clnt_stat& status) {
+        m_Progress = {NFS3_OK, 0, false};
+        bool more;
+        Head head = ReceiveResults(xid, status, m_Progress.status, false, more);
+        if (!more)
+            return head;
+        uint32_t w[3]; // count, eof, the data's length
+        if (!Words(w, 3))
+            return Broken(status, RPC_CANTDECODERES);
+        m_Progress.eof = w[1] != 0;
+        m_Progress.bytes = w[2];
+        m_Pending = RoundUp4(w[2]);
+        return Head::Reply;
+    }
+
+    Progress Take() const { return m_Progress; }
+
+    clnt_stat Place(uint32_t at, uint32_t bytes) {
+        if (!Bytes(m_Destination + at, bytes))
+            return Break(m_Why);
+        m_Pending -= bytes;
+        return Skip();
+    }
+
+    static constexpr bool kStopsAtEof = true;
+
+private:
     nfs_fh3 m_File;
     uint64_t m_Offset;
     char* m_Destination;
-    // The reply being read: what is left of its current fragment, whether
-    // that fragment is the record's last, and its data and padding not yet
-    // taken.
-    uint32_t m_Left = 0;
-    bool m_Last = false;
-    uint32_t m_Pending = 0;
     Progress m_Progress{};
-    size_t m_Outstanding = 0; // calls sent whose reply has not been read
-    bool m_Broken = false;
-    clnt_stat m_Why = RPC_CANTRECV;
+};
+
+// WRITE3args less the data's bytes, which StreamCarrier::Send adds.
+bool_t EncodeWriteHead(XDR* xdrs, WRITE3args* args) {
+    return xdr_nfs_fh3(xdrs, &args->file) && xdr_offset3(xdrs, &args->offset) &&
+           xdr_count3(xdrs, &args->count) && xdr_stable_how(xdrs, &args->stable) &&
+           xdr_u_int(xdrs, &args->data.data_len);
+}
+
+class StreamWrite : public StreamCarrier, public WriteRange {
+public:
+    StreamWrite(RPCClient& tcp, uint32_t& nextXid, const nfs_fh3& file, uint64_t offset,
+                const char* source, WritePass& pass)
+        : StreamCarrier(tcp, nextXid), WriteRange(file, offset, source, pass) {}
+
+    clnt_stat Send(uint32_t at, uint32_t length, unsigned& xid) {
+        WRITE3args args = Args(at, length);
+        return StreamCarrier::Send(NFSPROC3_WRITE, EncodeWriteHead, args, args.data.data_val,
+                                   length, xid);
+    }
+
+    Head Receive(unsigned& xid, clnt_stat& status) {
+        m_Result = {};
+        bool more;
+        Head head = ReceiveResults(xid, status, m_Result.status, true, more);
+        if (!more)
+            return head;
+        WRITE3resok& ok = m_Result.WRITE3res_u.resok;
+        uint32_t w[2]; // count, committed; then the verifier
+        if (!Words(w, 2) || !Bytes(ok.verf, sizeof ok.verf))
+            return Broken(status, RPC_CANTDECODERES);
+        ok.count = w[0];
+        ok.committed = stable_how(w[1]);
+        return Head::Reply;
+    }
+
+    clnt_stat Place(uint32_t, uint32_t) {
+        Note();
+        return Skip();
+    }
 };
 
 // A stretch of the caller's buffer that travels as one call.  `pos`
@@ -679,4 +809,11 @@ int32_t qsNFSUtils::NFS3Stream::Read(const nfs_fh3& file, const std::string& pat
                                      uint32_t& count) {
     StreamRead carrier(m_Tcp, m_NextXid, file, offset, destination);
     return Run(carrier, kStreamPolicy, kReadFormat, path, count, pieceSize, count);
+}
+
+int32_t qsNFSUtils::NFS3Stream::Write(const nfs_fh3& file, const std::string& path,
+                                      uint32_t pieceSize, const char* source, uint64_t offset,
+                                      uint32_t count, WritePass& pass) {
+    StreamWrite carrier(m_Tcp, m_NextXid, file, offset, source, pass);
+    return Run(carrier, kStreamPolicy, kWriteFormat, path, count, pieceSize, pass.acknowledged);
 }

@@ -9,11 +9,12 @@
 //   piece whose reply does not come in time is sent again under a new id; a
 //   late reply to any id of the piece still counts, and a duplicate is
 //   recognised and dropped.
-// - NFS3Stream: READs over a TCP client's own connection, record-marked,
-//   each reply's data received straight from the socket into its place in
-//   the caller's buffer.  The connection must be between records, as it is
-//   after any call that succeeded; after a failure that leaves it mid-record
-//   it is shut down, so that its next call fails instead of misreading.
+// - NFS3Stream: READs and WRITEs over a TCP client's own connection,
+//   record-marked, the data going between the socket and the caller's
+//   buffer without a copy.  The connection must be between records, as it
+//   is after any call that succeeded; after a failure that leaves it
+//   mid-record it is shut down, so that its next call fails instead of
+//   misreading.
 #pragma once
 
 #include "qsNFS3Prot.h"
@@ -81,9 +82,12 @@ public:
     // `tcp`: a TCP client.  One thread at a time.
     explicit NFS3Stream(RPCClient& tcp);
 
-    // READs of `pieceSize` bytes, a few in flight.
+    // READs, or UNSTABLE WRITEs, of `pieceSize` bytes, a few in flight;
+    // `pass` records what the COMMIT after the WRITEs needs.
     int32_t Read(const nfs_fh3& file, const std::string& path, uint32_t pieceSize,
                  char* destination, uint64_t offset, uint32_t& count);
+    int32_t Write(const nfs_fh3& file, const std::string& path, uint32_t pieceSize,
+                  const char* source, uint64_t offset, uint32_t count, WritePass& pass);
 
 private:
     RPCClient& m_Tcp;

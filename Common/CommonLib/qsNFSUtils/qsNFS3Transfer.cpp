@@ -93,8 +93,8 @@ bool Valid(const char* who, const qsNFSUtils::DirEntry& file, const void* buffer
     return false;
 }
 
-// READs of at most `chunk` bytes, one at a time, each decoded straight into
-// its place in `destination`.
+// READs of at most `chunk` bytes, one at a time through the C library's
+// client, each decoded straight into its place in `destination`.
 int32_t PlainRead(CLIENT* client, const nfs_fh3& file, const std::string& path, uint32_t chunk,
                   char* destination, uint64_t offset, uint32_t& count) {
     uint32_t wanted = count;
@@ -121,8 +121,9 @@ int32_t PlainRead(CLIENT* client, const nfs_fh3& file, const std::string& path, 
     return 0;
 }
 
-// One pass of WRITEs of at most `chunk` bytes over the range; it stops early
-// once the verifier shows that the server restarted.
+// One pass of WRITEs of at most `chunk` bytes over the range, one at a time
+// through the C library's client; it stops early once the verifier shows
+// that the server restarted.
 int32_t PlainWrite(CLIENT* client, const nfs_fh3& file, const std::string& path, uint32_t chunk,
                    const char* source, uint64_t offset, uint32_t count, WritePass& pass) {
     while (pass.acknowledged < count) {
@@ -180,6 +181,11 @@ struct NFS3Transfer::State {
     std::unique_ptr<NFS3Stream> m_Stream;
 
     int32_t Datagrams(const std::string& path, NFS3Datagrams*& datagrams);
+    NFS3Stream& Stream() {
+        if (!m_Stream)
+            m_Stream = std::make_unique<NFS3Stream>(m_Nfs);
+        return *m_Stream;
+    }
 };
 
 int32_t NFS3Transfer::State::Datagrams(const std::string& path, NFS3Datagrams*& datagrams) {
@@ -230,9 +236,7 @@ int32_t NFS3Transfer::Read(const DirEntry& file, const ExportInfo::Facts& limits
         // from a host name does not tell.
         if (nfs.ProtocolUsed() == RPCClient::PROTOCOL_UDP || nfs.Socket() < 0)
             return PlainRead(nfs.Handle(), fh, file.m_Path, chunk, into, uint64_t(offset), count);
-        if (!m_State->m_Stream)
-            m_State->m_Stream = std::make_unique<NFS3Stream>(nfs);
-        return m_State->m_Stream->Read(fh, file.m_Path, chunk, into, uint64_t(offset), count);
+        return m_State->Stream().Read(fh, file.m_Path, chunk, into, uint64_t(offset), count);
     }
     NFS3Datagrams* datagrams = nullptr;
     if (int32_t result = m_State->Datagrams(file.m_Path, datagrams)) {
@@ -271,10 +275,15 @@ int32_t NFS3Transfer::Write(const DirEntry& file, const ExportInfo::Facts& limit
     // the noise of the disk's sync (benchNFSTransfer's "stability" mode).
     for (int round = 0; round < kWriteRounds; ++round) {
         WritePass pass;
-        int32_t result = datagrams ? datagrams->Write(fh, file.m_Path, chunk, from,
-                                                      uint64_t(offset), total, pass)
-                                   : PlainWrite(nfs.Handle(), fh, file.m_Path, chunk, from,
-                                                uint64_t(offset), total, pass);
+        int32_t result;
+        if (datagrams)
+            result = datagrams->Write(fh, file.m_Path, chunk, from, uint64_t(offset), total, pass);
+        else if (nfs.ProtocolUsed() == RPCClient::PROTOCOL_UDP || nfs.Socket() < 0)
+            result = PlainWrite(nfs.Handle(), fh, file.m_Path, chunk, from, uint64_t(offset), total,
+                                pass);
+        else
+            result = m_State->Stream().Write(fh, file.m_Path, chunk, from, uint64_t(offset), total,
+                                             pass);
         count = pass.acknowledged;
         if (result)
             return result;

@@ -5,11 +5,13 @@
 // Read and Write to it.  The transfer chooses chunk sizes from the export's
 // FSINFO facts (the preferred size, clamped to the maximum and to what the
 // transport carries: 8 KiB over UDP, 1 MiB over TCP; 32 KiB when the facts
-// are not known) and puts READ data straight into the caller's buffer: over
-// TCP several READs are in flight on the client's connection, each reply's
-// data received from the socket into its place.  Writes go UNSTABLE and end
-// with one COMMIT per Write; a write verifier that changes on the way means
-// that the server restarted, and the range is sent again.
+// are not known) and puts READ data straight into the caller's buffer.  Over
+// TCP a few READs or WRITEs are in flight on the client's connection, the
+// data going between the socket and the caller's buffer without a copy;
+// over UDP one call at a time goes through the C library's client.  Writes
+// go UNSTABLE and end with one COMMIT per Write; a write verifier that
+// changes on the way means that the server restarted, and the range is
+// sent again.
 //
 // While g_NFSUtils_UseScatterGather is set, READ and WRITE travel as UDP
 // datagrams through RPCClient::Call and RecvReply instead, several in
