@@ -145,6 +145,14 @@ TEST(QsnfsChange, PutGetRoundTrip) {
     EXPECT_TRUE(r.out == data + data);
     r = Qsnfs({"get", t.R("f"), "-"});
     EXPECT_TRUE(r.out == data);
+    for (const Words& mode : {Words{"--proto", "udp"}, Words{"--pipelined"}}) {
+        Words put = mode, get = mode;
+        put.insert(put.end(), {"put", local / "src", t.R(mode.back())});
+        get.insert(get.end(), {"get", t.R(mode.back()), "-"});
+        Ok(put);
+        EXPECT_TRUE(qsTest::ReadFileText(t / mode.back()) == data) << mode.back();
+        EXPECT_TRUE(Qsnfs(get).out == data) << mode.back();
+    }
 
     // A shorter file replaces the longer one whole.
     RunOptions in;

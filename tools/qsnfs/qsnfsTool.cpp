@@ -11,10 +11,6 @@
 #include <cstring>
 #include <sys/stat.h>
 
-// Defined by the data transfer, which is not in the library yet: a weak
-// stand-in lets the tool link meanwhile and yields to the real one.
-__attribute__((weak)) bool g_NFSUtils_UseScatterGather = false;
-
 namespace qsnfs {
 
 using qsNFSUtils::DirEntry;
