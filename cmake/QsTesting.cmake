@@ -7,8 +7,11 @@ include(GoogleTest)
 set(QS_TEST_LOG_ROOT ${CMAKE_BINARY_DIR}/test-logs)
 
 if(NOT TEST qs-clean-test-logs)
+    # Made again here, not by the first test: two cases starting together
+    # would both create it, and the library deliberately runs without logs
+    # in the process that loses that race.
     add_test(NAME qs-clean-test-logs
-             COMMAND ${CMAKE_COMMAND} -E rm -rf ${QS_TEST_LOG_ROOT})
+             COMMAND sh -c "rm -rf '${QS_TEST_LOG_ROOT}' && mkdir -p '${QS_TEST_LOG_ROOT}'")
     set_tests_properties(qs-clean-test-logs PROPERTIES FIXTURES_SETUP qs-test-logs)
 endif()
 
