@@ -93,14 +93,17 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION
-"process supervisor and binary log reader
+"process supervisor, binary log reader and NFS command-line client
 watcher starts one program and starts it again when it dies abnormally, a
 bounded number of times with a fixed pause in between.  It forwards SIGINT
 and SIGHUP to the program and stops it in two stages when it is itself
 terminated.
 .
 qslog prints, filters and follows the binary, circular log files that the
-watcher and every other program built on libqscommon write.")
+watcher and every other program built on libqscommon write.
+.
+qsnfs lists, reads, writes, creates, renames, links and deletes files on NFS
+version 3 servers from the command line, without mounting them.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # The dynamic loader's cache is brought up to date by dpkg's trigger, once

@@ -53,7 +53,9 @@ $SUDO "${apt[@]}" install --no-install-recommends "${debs[@]}" >"$work/install" 
 for name in "${names[@]}"; do dpkg-query -L "$name" >"$work/$name.files"; done
 
 export QS_LOG_DIR=$work/logs
-[[ $(/usr/bin/qslog --version) == "qslog $version" ]] || fail "qslog --version is not qslog $version"
+for tool in qslog qsnfs; do
+    [[ $(/usr/bin/$tool --version) == "$tool $version" ]] || fail "$tool --version is not $tool $version"
+done
 zcat /usr/share/man/man1/watcher.1.gz | grep -q "^\.TH .*\"watcher $version\"" ||
     fail "the installed watcher(1) does not name version $version"
 status=0
