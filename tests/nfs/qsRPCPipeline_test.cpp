@@ -29,34 +29,16 @@ bool_t Nothing(XDR*, void*) {
     return TRUE;
 }
 
-// What the test's own program answers to one call: the words of its reply.
-enum class Answer { Garbage, Denied, ProgUnavail, SuccessWithVerifier, Truncated, Empty };
-
-std::vector<uint32_t> ReplyWords(Answer answer, uint32_t xid) {
-    constexpr uint32_t kReply = 1, kAccepted = 0, kDenied = 1, kAuthError = 1, kBadCred = 1,
-                       kProgUnavail = 1, kSuccess = 0, kAuthNone = 0;
-    switch (answer) {
-    case Answer::Garbage: // "not a reply"
-        return {0x6E6F7420, 0x61207265, 0x706C7900};
-    case Answer::Denied:
-        return {xid, kReply, kDenied, kAuthError, kBadCred};
-    case Answer::ProgUnavail:
-        return {xid, kReply, kAccepted, kAuthNone, 0, kProgUnavail};
-    case Answer::SuccessWithVerifier: // an 8-byte verifier body, then no results
-        return {xid, kReply, kAccepted, kAuthNone, 8, 0x01020304, 0x05060708, kSuccess};
-    case Answer::Truncated: // a reply that stops after its direction
-        return {xid, kReply};
-    default:
-        return {};
-    }
-}
+// The words of a reply; kXid stands for the id of the call it answers.
+using Reply = std::vector<uint32_t>;
+constexpr uint32_t kXid = 0xFFFFFFFF;
 
 // A UDP program on 127.0.0.1, registered with the server's port mapper for
-// the test's life, that answers each call it receives with the next answer
+// the test's life, that answers each call it receives with the next reply
 // of its script.
 class ScriptedProgram {
 public:
-    ScriptedProgram(int program, std::vector<Answer> script)
+    ScriptedProgram(int program, std::vector<Reply> script)
         : m_Program(program), m_Script(std::move(script)) {
         m_Socket = socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in addr{};
@@ -79,23 +61,22 @@ public:
 
 private:
     void Serve() {
-        for (Answer answer : m_Script) {
+        for (Reply words : m_Script) {
             uint32_t call[2048];
             sockaddr_in from{};
             socklen_t length = sizeof from;
             if (recvfrom(m_Socket, call, sizeof call, 0, reinterpret_cast<sockaddr*>(&from),
                          &length) < 4)
                 return;
-            std::vector<uint32_t> words = ReplyWords(answer, ntohl(call[0]));
             for (uint32_t& w : words)
-                w = htonl(w);
+                w = w == kXid ? call[0] : htonl(w);
             sendto(m_Socket, words.data(), words.size() * 4, 0, reinterpret_cast<sockaddr*>(&from),
                    length);
         }
     }
 
     int m_Program;
-    std::vector<Answer> m_Script;
+    std::vector<Reply> m_Script;
     int m_Socket = -1;
     bool m_Registered = false;
     std::thread m_Thread;
@@ -150,27 +131,32 @@ TEST(RPCPipeline, GetattrRepliesFromTheServerMatchTheirCalls) {
 // checker of the sanitizer build watches).
 TEST(RPCPipeline, ErrorRepliesFromAProgramOfOurOwn) {
     const int program = 0x3F5B0000 + (getpid() & 0xFFFF);
+    constexpr uint32_t kReply = 1, kAccepted = 0, kDenied = 1, kAuthError = 1, kBadCred = 1,
+                       kProgUnavail = 1, kSuccess = 0, kAuthNone = 0;
     struct {
-        Answer answer;
+        Reply reply;
         clnt_stat status;
         bool reportsId;
     } cases[] = {
-        {Answer::Garbage, RPC_CANTDECODERES, false},
-        {Answer::Denied, RPC_FAILED, true},
-        {Answer::ProgUnavail, RPC_FAILED, true},
-        {Answer::Empty, RPC_TIMEDOUT, false},
-        {Answer::SuccessWithVerifier, RPC_SUCCESS, true},
-        {Answer::Truncated, RPC_CANTDECODERES, false},
+        {{0x6E6F7420, 0x61207265, 0x706C7900}, RPC_CANTDECODERES, false}, // "not a reply"
+        {{kXid, kReply, kDenied, kAuthError, kBadCred}, RPC_FAILED, true},
+        {{kXid, kReply, kAccepted, kAuthNone, 0, kProgUnavail}, RPC_FAILED, true},
+        {{}, RPC_TIMEDOUT, false},
+        // an 8-byte verifier body, then no results
+        {{kXid, kReply, kAccepted, kAuthNone, 8, 0x01020304, 0x05060708, kSuccess},
+         RPC_SUCCESS,
+         true},
+        {{kXid, kReply}, RPC_CANTDECODERES, false}, // cut short after its direction
     };
-    std::vector<Answer> script;
+    std::vector<Reply> script;
     for (const auto& c : cases)
-        script.push_back(c.answer);
+        script.push_back(c.reply);
     ScriptedProgram server(program, script);
     ClientPtr client = Client(Loopback(), program, 1, RPCClient::PROTOCOL_UDP);
     ASSERT_TRUE(client);
 
     for (const auto& c : cases) {
-        SCOPED_TRACE(int(c.answer));
+        SCOPED_TRACE(testing::PrintToString(c.reply));
         unsigned sent = 0;
         ASSERT_EQ(client->Call(1, XdrProc(Nothing), nullptr, sent), RPC_SUCCESS);
         ASSERT_TRUE(Readable(*client));
