@@ -2,7 +2,6 @@
 // export directory itself; the pipelined path also through a relay that
 // loses, repeats and reorders datagrams.
 
-#include "qsLogRecords.h"
 #include "qsNFS3Transfer.h"
 #include "qsNFSStatus.h"
 #include "qsNFSTestServer.h"
@@ -18,16 +17,12 @@ using qsNFSUtils::NFS3Transfer;
 
 namespace {
 
-// The byte every test expects at a file offset, so that any range can be
+// The bytes every test expects at a file offset, so that any range can be
 // checked without keeping the file.
-char Pattern(uint64_t offset, int seed = 0) {
-    return char(((offset + uint64_t(seed)) * 2654435761u) >> 13);
-}
-
 std::vector<char> Patterned(uint64_t offset, size_t size, int seed = 0) {
     std::vector<char> bytes(size);
     for (size_t i = 0; i < size; ++i)
-        bytes[i] = Pattern(offset + i, seed);
+        bytes[i] = char(((offset + i + uint64_t(seed)) * 2654435761u) >> 13);
     return bytes;
 }
 
@@ -39,10 +34,6 @@ std::vector<char> LocalBytes(const std::string& path, uint64_t offset, size_t si
     close(fd);
     bytes.resize(n < 0 ? 0 : size_t(n));
     return bytes;
-}
-
-void WriteLocal(const std::string& path, const std::vector<char>& bytes) {
-    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
 }
 
 // Small preferred sizes, so that small files span many calls.
@@ -61,7 +52,7 @@ ExportInfo::Facts SmallChunks() {
 constexpr uint32_t kPiece = 7680;
 
 struct Mode {
-    const char* name; // also names the mode's files
+    const char* name;
     RPCClient::PROTOCOL protocol;
     bool pipelined;
     uint32_t chunk; // where calls are cut
@@ -72,56 +63,31 @@ const Mode kModes[] = {
     {"pipelined", RPCClient::PROTOCOL_TCP, true, kPiece},
 };
 
-// The transfer's switches back to their defaults after each test.
-class NFS3TransferTest : public testing::Test {
-protected:
-    void TearDown() override {
-        g_NFSUtils_UseScatterGather = false;
-        g_NFSUtils_FragmentCorrectly = true;
-    }
-
-    // A client of the real server, or of `program` (a relay's).
-    ClientPtr Nfs(RPCClient::PROTOCOL protocol, int program = kNfsProgram) {
-        ClientPtr client = Client(Loopback(), program, kNfsVersion, protocol);
-        if (client)
-            client->SetAuth(m_Auth->Handle());
-        return client;
-    }
-
-    // `name` in the test's directory, created locally with `contents` before
-    // the server first looks for it.
-    DirEntry File(ExportSubdir& dir, const std::string& name, const std::vector<char>& contents) {
-        WriteLocal(dir / name, contents);
-        ClientPtr tcp = Nfs(RPCClient::PROTOCOL_TCP);
-        FileHandle root = ExportRoot();
-        FileHandle subdir = Lookup(*tcp, root, dir.Name());
-        FileHandle handle = Lookup(*tcp, subdir, name);
-        DirEntry file;
-        file.m_Path = dir / name;
-        file.m_Name = name;
-        file.m_HandleLength = uint32_t(handle.bytes.size());
-        memcpy(file.m_Handle, handle.bytes.data(), handle.bytes.size());
-        return file;
-    }
-
-    // A file for one mode, a client of the mode's transport and a transfer
-    // on it, the mode's switch set.
-    struct Subject {
-        DirEntry file;
-        ClientPtr nfs;
-        std::unique_ptr<NFS3Transfer> transfer;
-    };
-    Subject For(const Mode& mode, ExportSubdir& dir, const std::string& name,
-                const std::vector<char>& contents) {
-        Subject s{File(dir, name + "-" + mode.name, contents), Nfs(mode.protocol), nullptr};
-        if (s.nfs)
-            s.transfer = std::make_unique<NFS3Transfer>(*s.nfs, *m_Auth, Loopback());
-        g_NFSUtils_UseScatterGather = mode.pipelined;
-        return s;
-    }
-
-    AuthPtr m_Auth = UnixAuth(0, {0});
+// A Read's status and the bytes it counted, checked not to have touched the
+// buffer past the count asked for.
+struct Got {
+    int32_t status;
+    std::vector<char> bytes;
 };
+Got Read(NFS3Transfer& transfer, const DirEntry& file, uint64_t offset, uint32_t count,
+         const ExportInfo::Facts& facts = SmallChunks()) {
+    std::vector<char> buffer(count + 16, '#');
+    uint32_t n = count;
+    int32_t status = transfer.Read(file, facts, buffer.data(), int64_t(offset), n);
+    EXPECT_EQ(std::string(buffer.data() + count, 16), std::string(16, '#')) << "past the count";
+    EXPECT_LE(n, count);
+    buffer.resize(std::min(n, count));
+    return {status, buffer};
+}
+
+// A Write's status; on success every byte is counted.
+int32_t Write(NFS3Transfer& transfer, const DirEntry& file, uint64_t offset,
+              const std::vector<char>& data, const ExportInfo::Facts& facts = SmallChunks()) {
+    uint32_t n = uint32_t(data.size());
+    int32_t status = transfer.Write(file, facts, data.data(), int64_t(offset), n);
+    EXPECT_TRUE(status || n == data.size()) << n << " of " << data.size() << " counted";
+    return status;
+}
 
 // The server caches names: a directory removed and made again under the
 // same name behind its back would still show the old one for a while, so
@@ -130,188 +96,149 @@ std::string Unique(const std::string& name) {
     return name + "-" + std::to_string(getpid());
 }
 
-size_t RecordCount() {
-    return qsTest::ReadRecords(*g_pZLogStreamDefault).size();
-}
+// The transfer's switches back to their defaults after each test.
+class NFS3TransferTest : public testing::Test {
+protected:
+    void TearDown() override {
+        g_NFSUtils_UseScatterGather = false;
+        g_NFSUtils_FragmentCorrectly = true;
+    }
+
+    // `name` in the test's directory, created locally with `contents` before
+    // the server first looks for it.
+    DirEntry File(ExportSubdir& dir, const std::string& name, const std::vector<char>& contents) {
+        std::ofstream(dir / name, std::ios::binary)
+            .write(contents.data(), std::streamsize(contents.size()));
+        BrowsePtr browse = Browse();
+        EntryPtr file = browse ? Open(*browse, dir / name) : nullptr;
+        EXPECT_TRUE(file) << name;
+        return file ? *file : DirEntry{};
+    }
+
+    // A transfer over a client of the real server, or of `program` (a
+    // relay's); null when the client cannot be made.
+    struct Subject {
+        ClientPtr nfs;
+        std::unique_ptr<NFS3Transfer> transfer;
+    };
+    Subject Over(RPCClient::PROTOCOL protocol, int program = kNfsProgram) {
+        Subject s{Client(Loopback(), program, kNfsVersion, protocol), nullptr};
+        if (s.nfs) {
+            s.nfs->SetAuth(m_Auth->Handle());
+            s.transfer = std::make_unique<NFS3Transfer>(*s.nfs, *m_Auth, Loopback());
+        }
+        return s;
+    }
+
+    AuthPtr m_Auth = UnixAuth(0, {0});
+};
 
 } // namespace
 
 // Reads and writes whose ends fall just before, on and after the places the
-// transfer cuts them, in every mode: the bytes on the server match exactly,
-// and a read never writes past the count asked for.  Then a range larger
-// than any call.
-TEST_F(NFS3TransferTest, UnalignedRangesAroundTheCutsMatchTheExportExactly) {
+// transfer cuts them, in every mode: the bytes on the server match exactly.
+// Reads that run past the end return what is there, and nothing at or
+// beyond it; on a TCP client the replies to calls past the end are read off
+// the connection, which then serves the calls that follow.  Then a range
+// larger than any call, and 64-bit offsets: a few bytes across the 4 GiB
+// mark and past 5 GiB, the file sparse between.
+TEST_F(NFS3TransferTest, UnalignedRangesAroundTheCutsAndBeyondFourGiB) {
     ExportSubdir dir(Unique("transfer-ranges"));
     for (const Mode& mode : kModes) {
         SCOPED_TRACE(mode.name);
-        const uint32_t c = mode.chunk;
-        const uint64_t size = 5 * uint64_t(c) + 77;
-        auto [file, nfs, transfer] = For(mode, dir, "ranges", Patterned(0, size));
+        const uint32_t c = mode.chunk, size = 5 * c + 77;
+        DirEntry file = File(dir, std::string("ranges-") + mode.name, Patterned(0, size));
+        auto [nfs, transfer] = Over(mode.protocol);
         ASSERT_TRUE(transfer);
+        g_NFSUtils_UseScatterGather = mode.pipelined;
         const std::pair<uint64_t, uint32_t> ranges[] = {
-            {0, 1},
-            {0, c - 1},
-            {0, c},
-            {0, c + 1},
-            {1, c},
-            {c - 1, 2},
-            {c + 1, 2 * c},
-            {3, 3 * c + 5},
-            {c - 3, c + 6},
-            {2 * c + 7, c - 9},
-            {0, uint32_t(size)},
+            {c + 1, 40 * c}, {size - 1, 2},      {size, 10},     {size + 9, 1},
+            {0, 1},          {0, c - 1},         {0, c},         {0, c + 1},
+            {1, c},          {c - 1, 2},         {c + 1, 2 * c}, {3, 3 * c + 5},
+            {c - 3, c + 6},  {2 * c + 7, c - 9}, {0, size},
         };
         for (auto [offset, count] : ranges) {
             SCOPED_TRACE(testing::Message() << "read " << count << " at " << offset);
-            std::vector<char> got(count + 16, '#');
-            uint32_t n = count;
-            ASSERT_EQ(transfer->Read(file, SmallChunks(), got.data(), int64_t(offset), n), 0);
-            ASSERT_EQ(n, count);
-            EXPECT_EQ(std::string(got.data() + count, 16), std::string(16, '#'));
-            got.resize(count);
-            EXPECT_TRUE(got == Patterned(offset, count));
+            uint32_t expected = offset < size ? std::min(count, uint32_t(size - offset)) : 0;
+            Got got = Read(*transfer, file, offset, count);
+            ASSERT_EQ(got.status, 0);
+            EXPECT_TRUE(got.bytes == Patterned(offset, expected));
         }
+        std::vector<char> contents = Patterned(0, size);
         int seed = 1;
         for (auto [offset, count] : ranges) {
+            if (offset + count > size)
+                continue;
             SCOPED_TRACE(testing::Message() << "write " << count << " at " << offset);
             std::vector<char> data = Patterned(offset, count, seed++);
-            std::vector<char> before = LocalBytes(file.m_Path, 0, size);
-            uint32_t n = count;
-            ASSERT_EQ(transfer->Write(file, SmallChunks(), data.data(), int64_t(offset), n), 0);
-            EXPECT_EQ(n, count);
-            std::copy(data.begin(), data.end(), before.begin() + ptrdiff_t(offset));
-            EXPECT_TRUE(LocalBytes(file.m_Path, 0, size) == before);
+            ASSERT_EQ(Write(*transfer, file, offset, data), 0);
+            std::copy(data.begin(), data.end(), contents.begin() + ptrdiff_t(offset));
+            EXPECT_TRUE(LocalBytes(file.m_Path, 0, size) == contents);
         }
 
-        // Without the export's facts, sizes every server takes; a range far
-        // larger than any call still arrives whole.
-        const uint32_t large = 3 * (1 << 20) + 4099;
-        std::vector<char> data = Patterned(0, large, 99);
-        uint32_t n = large;
-        ASSERT_EQ(transfer->Write(file, ExportInfo::Facts{}, data.data(), 0, n), 0);
-        EXPECT_TRUE(LocalBytes(file.m_Path, 0, large) == data);
-        std::vector<char> back(large);
-        n = large;
-        ASSERT_EQ(transfer->Read(file, ExportInfo::Facts{}, back.data(), 0, n), 0);
-        EXPECT_TRUE(back == data);
+        // Without the export's facts, sizes every server takes.
+        std::vector<char> large = Patterned(0, 3 * (1 << 20) + 4099, 99);
+        ASSERT_EQ(Write(*transfer, file, 0, large, ExportInfo::Facts{}), 0);
+        EXPECT_TRUE(LocalBytes(file.m_Path, 0, large.size()) == large);
+        EXPECT_TRUE(Read(*transfer, file, 0, uint32_t(large.size()), {}).bytes == large);
+
+        const uint64_t k4G = uint64_t(1) << 32, k5G = 5 * (uint64_t(1) << 30);
+        for (uint64_t offset : {k4G - 5, k5G + 3}) {
+            std::vector<char> data = Patterned(offset, 11);
+            ASSERT_EQ(Write(*transfer, file, offset, data), 0);
+            EXPECT_TRUE(LocalBytes(file.m_Path, offset, 11) == data);
+            EXPECT_TRUE(Read(*transfer, file, offset, 11).bytes == data);
+        }
+        EXPECT_EQ(Read(*transfer, file, k5G - 200, 100).bytes, std::vector<char>(100, 0));
+        EXPECT_EQ(std::filesystem::file_size(file.m_Path), k5G + 3 + 11);
         // The pipelined mode runs on a TCP client: its UDP client is its own.
         EXPECT_TRUE(transfer->Verify());
     }
 }
 
-// 64-bit offsets: a few bytes written across the 4 GiB mark and past 5 GiB
-// of a sparse file land there, and read back, hole included.
-TEST_F(NFS3TransferTest, SparseFileBeyondFourGiB) {
-    ExportSubdir dir(Unique("transfer-sparse"));
-    const uint64_t k4G = uint64_t(1) << 32, k5G = 5 * (uint64_t(1) << 30);
-    for (const Mode& mode : kModes) {
-        SCOPED_TRACE(mode.name);
-        auto [file, nfs, transfer] = For(mode, dir, "sparse", {});
-        ASSERT_TRUE(transfer);
-        for (uint64_t offset : {k4G - 5, k5G + 3}) {
-            std::vector<char> data = Patterned(offset, 11);
-            uint32_t n = 11;
-            ASSERT_EQ(transfer->Write(file, SmallChunks(), data.data(), int64_t(offset), n), 0);
-            EXPECT_TRUE(LocalBytes(file.m_Path, offset, 11) == data);
-            std::vector<char> back(11);
-            n = 11;
-            ASSERT_EQ(transfer->Read(file, SmallChunks(), back.data(), int64_t(offset), n), 0);
-            EXPECT_TRUE(back == data);
-        }
-        std::vector<char> hole(100, '#');
-        uint32_t n = 100;
-        ASSERT_EQ(transfer->Read(file, SmallChunks(), hole.data(), int64_t(k5G - 200), n), 0);
-        EXPECT_EQ(n, 100u);
-        EXPECT_EQ(hole, std::vector<char>(100, 0));
-        EXPECT_EQ(std::filesystem::file_size(file.m_Path), k5G + 3 + 11);
-    }
-}
-
-// Reads that run past the end return what is there; at or beyond the end,
-// nothing, and no failure.  On a TCP client the replies to calls past the
-// end are read off the connection, which then serves further calls.
-TEST_F(NFS3TransferTest, ReadsThatRunPastTheEnd) {
-    ExportSubdir dir(Unique("transfer-eof"));
-    const uint32_t size = 2 * kChunk + kChunk / 2;
-    for (const Mode& mode : kModes) {
-        SCOPED_TRACE(mode.name);
-        auto [file, nfs, transfer] = For(mode, dir, "eof", Patterned(0, size));
-        ASSERT_TRUE(transfer);
-        const std::pair<uint64_t, uint32_t> ranges[] = {
-            {0, 12 * kChunk}, {kChunk + 1, 40 * kChunk}, {size - 1, 2}, {size, 10}, {size + 9, 1},
-        };
-        for (int again = 0; again < 2; ++again) {
-            for (auto [offset, count] : ranges) {
-                SCOPED_TRACE(testing::Message() << count << " at " << offset);
-                std::vector<char> got(count, '#');
-                uint32_t n = count;
-                ASSERT_EQ(transfer->Read(file, SmallChunks(), got.data(), int64_t(offset), n), 0);
-                uint32_t expected = offset < size ? uint32_t(size - offset) : 0;
-                ASSERT_EQ(n, expected);
-                got.resize(n);
-                EXPECT_TRUE(got == Patterned(offset, n));
-            }
-        }
-        std::vector<char> data = Patterned(0, 10, 9);
-        uint32_t n = 10;
-        EXPECT_EQ(transfer->Write(file, SmallChunks(), data.data(), 0, n), 0);
-        EXPECT_TRUE(LocalBytes(file.m_Path, 0, 10) == data);
-    }
-}
-
-// A handle whose file is gone: the server's status is translated, logged
-// once with the procedure's line and the path, and nothing is counted.
-TEST_F(NFS3TransferTest, StaleHandleIsTranslatedAndLoggedOnce) {
+// Failures are translated and logged once, with the procedure's line and
+// the path, and count nothing: a handle whose file is gone, in every mode;
+// arguments no call could carry, before any call.
+TEST_F(NFS3TransferTest, FailuresAreLoggedOnceAndCountNothing) {
     ExportSubdir dir(Unique("transfer-stale"));
     for (const Mode& mode : kModes) {
         SCOPED_TRACE(mode.name);
-        auto [file, nfs, transfer] = For(mode, dir, "gone", Patterned(0, 100));
+        DirEntry file = File(dir, std::string("gone-") + mode.name, Patterned(0, 100));
+        auto [nfs, transfer] = Over(mode.protocol);
         ASSERT_TRUE(transfer);
+        g_NFSUtils_UseScatterGather = mode.pipelined;
         std::filesystem::remove(file.m_Path);
         for (bool writing : {false, true}) {
-            std::vector<char> buffer(3 * kPiece);
-            uint32_t n = uint32_t(buffer.size());
-            size_t before = RecordCount();
-            int32_t result = writing ? transfer->Write(file, SmallChunks(), buffer.data(), 0, n)
-                                     : transfer->Read(file, SmallChunks(), buffer.data(), 0, n);
+            NewLogLines log;
+            std::vector<char> data(3 * kPiece);
+            uint32_t n = uint32_t(data.size());
+            int32_t result = writing ? transfer->Write(file, SmallChunks(), data.data(), 0, n)
+                                     : transfer->Read(file, SmallChunks(), data.data(), 0, n);
             EXPECT_EQ(qsStatus(result), QS_E_NFS_STALE);
             EXPECT_EQ(n, 0u);
-            auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-            ASSERT_EQ(records.size(), before + 1);
             std::string operation = mode.pipelined ? "NFSBrowseImpl3::ScatterGatherIO"
                                     : writing      ? "nfsproc3_write_3"
                                                    : "nfsproc3_read_3";
-            EXPECT_EQ(records.back().Text(),
-                      operation + " (status 70, err 0x00000000) " + file.m_Path);
-            EXPECT_EQ(qsStatus(records.back().Code()), QS_E_NFS_STALE);
+            EXPECT_EQ(log.Texts(),
+                      Lines{operation + " (status 70, err 0x00000000) " + file.m_Path});
         }
     }
-}
 
-// Arguments no call could carry fail before any call, logged once.
-TEST_F(NFS3TransferTest, InvalidArgumentsMakeNoCall) {
-    ClientPtr nfs = Nfs(RPCClient::PROTOCOL_TCP);
-    ASSERT_TRUE(nfs);
-    NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
-    DirEntry file;
-    file.m_Path = "/nowhere";
-    char byte = 0;
+    auto [nfs, transfer] = Over(RPCClient::PROTOCOL_TCP);
+    ASSERT_TRUE(transfer);
+    DirEntry nowhere;
+    NewLogLines log;
+    EXPECT_EQ(qsStatus(Read(*transfer, nowhere, uint64_t(-1), 1).status), QS_E_INVALIDARG);
+    EXPECT_EQ(qsStatus(Read(*transfer, nowhere, INT64_MAX, 2).status), QS_E_INVALIDARG);
     uint32_t n = 1;
-    size_t before = RecordCount();
-    EXPECT_EQ(qsStatus(transfer.Read(file, SmallChunks(), &byte, -1, n)), QS_E_INVALIDARG);
+    EXPECT_EQ(qsStatus(transfer->Write(nowhere, SmallChunks(), nullptr, 0, n)), QS_E_INVALIDARG);
     EXPECT_EQ(n, 0u);
-    n = 1;
-    EXPECT_EQ(qsStatus(transfer.Write(file, SmallChunks(), nullptr, 0, n)), QS_E_INVALIDARG);
-    EXPECT_EQ(n, 0u);
-    n = 2;
-    EXPECT_EQ(qsStatus(transfer.Read(file, SmallChunks(), &byte, INT64_MAX, n)), QS_E_INVALIDARG);
-    EXPECT_EQ(RecordCount(), before + 3);
+    EXPECT_EQ(log.Texts().size(), 3u);
 }
 
 // The pipelined path through a relay that loses calls and replies, repeats
 // and holds back replies: every byte arrives once and in its place, and the
-// relay saw the transfer send lost pieces again.  Writes are checked on the
-// export directory.
+// relay saw the transfer send lost pieces again.
 TEST_F(NFS3TransferTest, PipelinedSurvivesLossDuplicationAndReordering) {
     ExportSubdir dir(Unique("transfer-faults"));
     const uint32_t size = 40 * kPiece + 123;
@@ -320,32 +247,16 @@ TEST_F(NFS3TransferTest, PipelinedSurvivesLossDuplicationAndReordering) {
                          .dropReplyEvery = 11,
                          .duplicateReplyEvery = 3,
                          .holdReplyEvery = 4});
-    ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-    ASSERT_TRUE(nfs);
-    NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
+    auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, proxy.Program());
+    ASSERT_TRUE(transfer);
     g_NFSUtils_UseScatterGather = true;
 
-    std::vector<char> got(size + 8, '#');
-    uint32_t n = size;
-    ASSERT_EQ(transfer.Read(file, SmallChunks(), got.data(), 0, n), 0);
-    EXPECT_EQ(n, size);
-    EXPECT_EQ(std::string(got.data() + size, 8), std::string(8, '#'));
-    got.resize(size);
-    EXPECT_TRUE(got == Patterned(0, size));
-
+    EXPECT_TRUE(Read(*transfer, file, 0, size).bytes == Patterned(0, size));
     std::vector<char> data = Patterned(5, size - 10, 7);
-    n = uint32_t(data.size());
-    ASSERT_EQ(transfer.Write(file, SmallChunks(), data.data(), 5, n), 0);
-    EXPECT_EQ(n, data.size());
+    ASSERT_EQ(Write(*transfer, file, 5, data), 0);
     EXPECT_TRUE(LocalBytes(file.m_Path, 5, data.size()) == data);
-
-    size_t reads = 0, writes = 0;
-    for (const auto& call : proxy.Calls()) {
-        reads += call.procedure == 6;
-        writes += call.procedure == 7;
-    }
-    EXPECT_GT(reads, 41u);
-    EXPECT_GT(writes, 41u);
+    EXPECT_GT(proxy.Calls(6), 41u);
+    EXPECT_GT(proxy.Calls(7), 41u);
 }
 
 // READ replies cut short without the end-of-file flag: the rest is asked
@@ -363,38 +274,26 @@ TEST_F(NFS3TransferTest, ShortReadsContinueAndEmptyOnesFail) {
         SCOPED_TRACE(pipelined);
         g_NFSUtils_UseScatterGather = pipelined;
         {
-            UDPFaultProxy proxy({.duplicateReplyEvery = pipelined ? 2 : 0, .cutReadsTo = 1000});
-            ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-            ASSERT_TRUE(nfs);
-            NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
-            std::vector<char> got(size + 100);
-            uint32_t n = uint32_t(got.size());
-            ASSERT_EQ(transfer.Read(file, SmallChunks(), got.data(), 0, n), 0);
-            ASSERT_EQ(n, size);
-            got.resize(n);
-            EXPECT_TRUE(got == Patterned(0, size));
-            EXPECT_GE(proxy.Calls().size(), size / 1000);
+            UDPFaultProxy cut({.duplicateReplyEvery = pipelined ? 2 : 0, .cutReadsTo = 1000});
+            auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, cut.Program());
+            ASSERT_TRUE(transfer);
+            EXPECT_TRUE(Read(*transfer, file, 0, size + 100).bytes == Patterned(0, size));
+            EXPECT_GE(cut.Calls(6), size / 1000);
         }
-        UDPFaultProxy proxy({.cutReadsTo = 0});
-        ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-        ASSERT_TRUE(nfs);
-        NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
-        std::vector<char> got(size);
-        uint32_t n = size;
-        size_t before = RecordCount();
-        EXPECT_EQ(qsStatus(transfer.Read(file, SmallChunks(), got.data(), 0, n)),
-                  QS_E_NFS_NO_FAILURE);
-        EXPECT_EQ(n, 0u);
-        auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-        ASSERT_EQ(records.size(), before + 1);
+        UDPFaultProxy empty({.cutReadsTo = 0});
+        auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, empty.Program());
+        ASSERT_TRUE(transfer);
+        NewLogLines log;
+        Got got = Read(*transfer, file, 0, size);
+        EXPECT_EQ(qsStatus(got.status), QS_E_NFS_NO_FAILURE);
+        EXPECT_TRUE(got.bytes.empty());
         std::string operation = pipelined ? "NFSBrowseImpl3::ScatterGatherIO" : "nfsproc3_read_3";
-        EXPECT_EQ(records.back().Text(), operation + " (status 0, err 0x00000000) " + file.m_Path);
+        EXPECT_EQ(log.Texts(), Lines{operation + " (status 0, err 0x00000000) " + file.m_Path});
     }
 }
 
 // g_NFSUtils_FragmentCorrectly: by default datagrams fill the 8192-byte
-// buffers; cleared, every datagram fits one Ethernet frame.  Either way the
-// pieces tile the range without gap or overlap.
+// buffers; cleared, every datagram fits one Ethernet frame.
 TEST_F(NFS3TransferTest, FragmentCorrectlyChoosesTheDatagramSize) {
     ExportSubdir dir(Unique("transfer-fragments"));
     const uint32_t size = 20000;
@@ -404,42 +303,19 @@ TEST_F(NFS3TransferTest, FragmentCorrectlyChoosesTheDatagramSize) {
         SCOPED_TRACE(correctly);
         g_NFSUtils_FragmentCorrectly = correctly;
         UDPFaultProxy proxy({});
-        ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-        ASSERT_TRUE(nfs);
-        NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
+        auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, proxy.Program());
+        ASSERT_TRUE(transfer);
         std::vector<char> data = Patterned(3, size - 3, correctly);
-        uint32_t n = uint32_t(data.size());
-        ASSERT_EQ(transfer.Write(file, SmallChunks(), data.data(), 3, n), 0);
-        std::vector<char> back(size - 3);
-        n = uint32_t(back.size());
-        ASSERT_EQ(transfer.Read(file, SmallChunks(), back.data(), 3, n), 0);
-        EXPECT_TRUE(back == data);
-
-        if (correctly) {
-            EXPECT_GT(proxy.LargestDatagram(), 1472u);
-            EXPECT_LE(proxy.LargestDatagram(), 8192u);
-        } else {
-            EXPECT_LE(proxy.LargestDatagram(), 1472u);
-        }
-        for (uint32_t procedure : {6u, 7u}) {
-            std::map<uint64_t, uint32_t> pieces;
-            for (const auto& call : proxy.Calls())
-                if (call.procedure == procedure)
-                    pieces[call.offset] = call.count;
-            uint64_t next = 3;
-            for (auto [offset, count] : pieces) {
-                EXPECT_EQ(offset, next);
-                next = offset + count;
-            }
-            EXPECT_EQ(next, size);
-            EXPECT_EQ(pieces.size(), correctly ? 3u : 20u);
-        }
+        ASSERT_EQ(Write(*transfer, file, 3, data), 0);
+        EXPECT_TRUE(Read(*transfer, file, 3, size - 3).bytes == data);
+        EXPECT_EQ(proxy.LargestDatagram() > 1472u, correctly);
+        EXPECT_LE(proxy.LargestDatagram(), 8192u);
     }
 }
 
 // A server that restarts between the WRITEs of one Write (a new write
 // verifier) may have lost what it took UNSTABLE: the range is sent again,
-// on the plain and the pipelined path alike.
+// on the plain and the pipelined path alike, a bounded number of times.
 TEST_F(NFS3TransferTest, ChangedWriteVerifierResendsTheRange) {
     ExportSubdir dir(Unique("transfer-verifier"));
     const uint32_t size = 10 * kChunk;
@@ -447,22 +323,14 @@ TEST_F(NFS3TransferTest, ChangedWriteVerifierResendsTheRange) {
     for (bool pipelined : {false, true}) {
         SCOPED_TRACE(pipelined);
         UDPFaultProxy proxy({.changeVerifierAfter = 2});
-        ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-        ASSERT_TRUE(nfs);
-        NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
+        auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, proxy.Program());
+        ASSERT_TRUE(transfer);
         g_NFSUtils_UseScatterGather = pipelined;
         std::vector<char> data = Patterned(0, size, pipelined ? 11 : 12);
-        uint32_t n = size;
-        ASSERT_EQ(transfer.Write(file, SmallChunks(), data.data(), 0, n), 0);
-        EXPECT_EQ(n, size);
+        ASSERT_EQ(Write(*transfer, file, 0, data), 0);
         EXPECT_TRUE(LocalBytes(file.m_Path, 0, size) == data);
-        size_t writes = 0, from0 = 0;
-        for (const auto& call : proxy.Calls()) {
-            writes += call.procedure == 7;
-            from0 += call.procedure == 7 && call.offset == 0;
-        }
-        EXPECT_GE(from0, 2u) << "the range was not sent again";
-        EXPECT_LT(writes, 4 * size / kChunk) << "resent without bound";
+        EXPECT_GE(proxy.Calls(7, 0), 2u) << "the range was not sent again";
+        EXPECT_LT(proxy.Calls(7), 4 * size / kChunk) << "resent without bound";
     }
 }
 
@@ -472,20 +340,15 @@ TEST_F(NFS3TransferTest, PipelinedGivesUpOnASilentServer) {
     ExportSubdir dir(Unique("transfer-silent"));
     DirEntry file = File(dir, "silent", Patterned(0, 100));
     UDPFaultProxy proxy({.silent = true});
-    ClientPtr nfs = Nfs(RPCClient::PROTOCOL_UDP, proxy.Program());
-    ASSERT_TRUE(nfs);
-    NFS3Transfer transfer(*nfs, *m_Auth, Loopback());
+    auto [nfs, transfer] = Over(RPCClient::PROTOCOL_UDP, proxy.Program());
+    ASSERT_TRUE(transfer);
     g_NFSUtils_UseScatterGather = true;
-    std::vector<char> buffer(3 * kPiece);
-    uint32_t n = uint32_t(buffer.size());
-    size_t before = RecordCount();
-    EXPECT_EQ(qsStatus(transfer.Read(file, SmallChunks(), buffer.data(), 0, n)), QS_E_RPC_TIMEDOUT);
-    EXPECT_EQ(n, 0u);
-    auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-    ASSERT_EQ(records.size(), before + 1);
-    EXPECT_EQ(records.back().Text(),
-              "NFSBrowseImpl3::ScatterGatherIO (status 0, err 0x00000005) " + file.m_Path);
-    size_t calls = proxy.Calls().size();
-    EXPECT_GE(calls, 6u);
-    EXPECT_LE(calls, 3u * 6u);
+    NewLogLines log;
+    Got got = Read(*transfer, file, 0, 3 * kPiece);
+    EXPECT_EQ(qsStatus(got.status), QS_E_RPC_TIMEDOUT);
+    EXPECT_TRUE(got.bytes.empty());
+    EXPECT_EQ(log.Texts(),
+              Lines{"NFSBrowseImpl3::ScatterGatherIO (status 0, err 0x00000005) " + file.m_Path});
+    EXPECT_GE(proxy.Calls(6), 6u);
+    EXPECT_LE(proxy.Calls(6), 3u * 6u);
 }

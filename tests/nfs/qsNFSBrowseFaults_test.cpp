@@ -4,24 +4,17 @@
 // own, where they can take the port mapper's port.
 
 #include "qsFakeRPCServer.h"
-#include "qsLogRecords.h"
-#include "qsMountProt.h"
-#include "qsNFS3Prot.h"
-#include "qsNFSBrowse.h"
 #include "qsNFSStatus.h"
-#include "qsRPCWrappers.h"
+#include "qsNFSTestServer.h"
 
 #include <functional>
-#include <gtest/gtest.h>
-#include <memory>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
-using qsNFSTest::FakeRPCServer;
+using namespace qsNFSTest;
 using qsNFSUtils::DirEntry;
-using qsNFSUtils::NFSBrowse;
 
 namespace {
 
@@ -67,6 +60,11 @@ fattr3 DirectoryAttributes() {
     return a;
 }
 
+// A procedure that answers `res` whatever it is asked.
+template <typename Res> FakeRPCServer::Procedure Answer(bool_t (*encode)(XDR*, Res*), Res res) {
+    return [=](XDR*, XDR* out) mutable { return bool(encode(out, &res)); };
+}
+
 // MOUNT 3 with one export, "/fake", and the NFS 3 procedures a browse
 // object needs to start and mount it, on one port; a port mapper on 111
 // sends clients there.
@@ -79,32 +77,20 @@ struct FakeNfsServer {
             exports list = &node;
             return bool(xdr_exports(out, &list));
         });
-        service.Add(MOUNT_PROGRAM, MOUNT_V3, MOUNTPROC3_MNT, [](XDR*, XDR* out) {
-            mountres3 res{};
-            res.fhs_status = MNT3_OK;
-            res.mountres3_u.mountinfo.fhandle = {4, const_cast<char*>("root")};
-            return bool(xdr_mountres3(out, &res));
-        });
+        mountres3 mnt{};
+        mnt.mountres3_u.mountinfo.fhandle = {4, const_cast<char*>("root")};
+        service.Add(MOUNT_PROGRAM, MOUNT_V3, MOUNTPROC3_MNT, Answer(xdr_mountres3, mnt));
         service.Add(NFS_PROGRAM, NFS_V3, NULLPROC, [](XDR*, XDR*) { return true; });
-        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_GETATTR, [](XDR*, XDR* out) {
-            GETATTR3res res{};
-            res.GETATTR3res_u.resok.obj_attributes = DirectoryAttributes();
-            return bool(xdr_GETATTR3res(out, &res));
-        });
-        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_FSINFO, [](XDR*, XDR* out) {
-            FSINFO3res res{};
-            res.FSINFO3res_u.resok.rtpref = res.FSINFO3res_u.resok.wtpref = 8192;
-            return bool(xdr_FSINFO3res(out, &res));
-        });
-        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_FSSTAT, [](XDR*, XDR* out) {
-            FSSTAT3res res{};
-            return bool(xdr_FSSTAT3res(out, &res));
-        });
-        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_PATHCONF, [](XDR*, XDR* out) {
-            PATHCONF3res res{};
-            res.PATHCONF3res_u.resok.name_max = 255;
-            return bool(xdr_PATHCONF3res(out, &res));
-        });
+        GETATTR3res getattr{};
+        getattr.GETATTR3res_u.resok.obj_attributes = DirectoryAttributes();
+        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_GETATTR, Answer(xdr_GETATTR3res, getattr));
+        FSINFO3res fsinfo{};
+        fsinfo.FSINFO3res_u.resok.rtpref = fsinfo.FSINFO3res_u.resok.wtpref = 8192;
+        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_FSINFO, Answer(xdr_FSINFO3res, fsinfo));
+        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_FSSTAT, Answer(xdr_FSSTAT3res, FSSTAT3res{}));
+        PATHCONF3res pathconf{};
+        pathconf.PATHCONF3res_u.resok.name_max = 255;
+        service.Add(NFS_PROGRAM, NFS_V3, NFSPROC3_PATHCONF, Answer(xdr_PATHCONF3res, pathconf));
     }
 
     bool Start() {
@@ -115,20 +101,6 @@ struct FakeNfsServer {
     }
 };
 
-std::unique_ptr<NFSBrowse> Browse() {
-    NFSBrowse* browse = nullptr;
-    EXPECT_EQ(
-        qsNFSUtils::CreateNFSBrowse(browse, "127.0.0.1", 0, {0}, nullptr, qsNFSUtils::eUseTCP), 0);
-    return std::unique_ptr<NFSBrowse>(browse);
-}
-
-size_t LogLinesStartingWith(const std::string& prefix) {
-    size_t n = 0;
-    for (const auto& r : qsTest::ReadRecords(*g_pZLogStreamDefault))
-        n += r.Text().starts_with(prefix);
-    return n;
-}
-
 } // namespace
 
 // Gone: Verify says so, and a call fails with a transport code, logged
@@ -138,20 +110,22 @@ TEST(NFSBrowseFaults, VerifyFollowsTheServerAwayAndBack) {
     InPrivateNetwork([] {
         FakeNfsServer server;
         ASSERT_TRUE(server.Start());
-        auto browse = Browse();
+        BrowsePtr browse = Browse();
         ASSERT_TRUE(browse);
         EXPECT_TRUE(browse->Verify());
-        std::unique_ptr<DirEntry> root(browse->Open("/fake", false, false));
+        EntryPtr root = Open(*browse, "/fake");
         ASSERT_TRUE(root);
 
         uint16_t port = server.service.Port();
         server.service.Stop();
         EXPECT_FALSE(browse->Verify());
-        size_t before = LogLinesStartingWith("nfsproc3_getattr_3 ");
+        NewLogLines log;
         int32_t result = browse->GetAttributes(*root);
         EXPECT_EQ(uint32_t(result) & 0xFFFFFF00u, 0xE0030300u) << std::hex << result;
         EXPECT_EQ(browse->GetLastObjectError(), result);
-        EXPECT_EQ(LogLinesStartingWith("nfsproc3_getattr_3 "), before + 1);
+        ASSERT_EQ(log.Texts().size(), 1u);
+        EXPECT_TRUE(log.Texts()[0].starts_with("nfsproc3_getattr_3 (status 0, err 0x"))
+            << log.Texts()[0];
 
         ASSERT_TRUE(server.service.Start(port));
         EXPECT_TRUE(browse->Verify());
@@ -188,18 +162,16 @@ TEST(NFSBrowseFaults, ACookieThatDoesNotAdvanceEndsTheListing) {
                 return bool(xdr_READDIRPLUS3res(out, &res));
             });
             ASSERT_TRUE(server.Start());
-            auto browse = Browse();
+            BrowsePtr browse = Browse();
             ASSERT_TRUE(browse);
-            std::unique_ptr<DirEntry> root(browse->Open("/fake", false, false));
+            EntryPtr root = Open(*browse, "/fake");
             ASSERT_TRUE(root);
+            NewLogLines log;
             std::vector<DirEntry> entries;
             EXPECT_EQ(qsStatus(browse->Entries(*root, entries)), QS_E_NFS_FAILED);
             EXPECT_EQ(entries.size(), emptyBatch ? 0u : 2u);
-            auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
-            ASSERT_FALSE(records.empty());
-            EXPECT_EQ(records.back().Text(),
-                      "nfsproc3_readdirplus_3 (status 10003, err 0x00000000) "
-                      "/fake (the server's cookie does not advance)");
+            EXPECT_EQ(log.Texts(), Lines{"nfsproc3_readdirplus_3 (status 10003, err 0x00000000) "
+                                         "/fake (the server's cookie does not advance)"});
         }
     });
 }

@@ -4,8 +4,10 @@
 // tests need, each reporting failures through GoogleTest.
 #pragma once
 
+#include "qsLogRecords.h"
 #include "qsMountProt.h"
 #include "qsNFS3Prot.h"
+#include "qsNFSBrowse.h"
 #include "qsRPCWrappers.h"
 
 #include <arpa/inet.h>
@@ -43,21 +45,19 @@ inline std::string ExportDir() {
 }
 
 // A directory of the export for one test (mode 1777, so that any user the
-// tests act as may create in it), emptied first.  Its path inside the
-// export, as the server sees it, is Name().
+// tests act as may create in it), emptied first.
 class ExportSubdir {
 public:
-    explicit ExportSubdir(std::string name) : m_Name(std::move(name)) {
-        std::filesystem::remove_all(Path());
-        std::filesystem::create_directories(Path());
-        chmod(Path().c_str(), 01777);
+    explicit ExportSubdir(const std::string& name) : m_Path(ExportDir() + "/" + name) {
+        std::filesystem::remove_all(m_Path);
+        std::filesystem::create_directories(m_Path);
+        chmod(m_Path.c_str(), 01777);
     }
-    const std::string& Name() const { return m_Name; }
-    std::string Path() const { return ExportDir() + "/" + m_Name; }
-    std::string operator/(const std::string& entry) const { return Path() + "/" + entry; }
+    const std::string& Path() const { return m_Path; }
+    std::string operator/(const std::string& entry) const { return m_Path + "/" + entry; }
 
 private:
-    std::string m_Name;
+    std::string m_Path;
 };
 
 inline ClientPtr Client(unsigned long address, int program, int version,
@@ -74,54 +74,49 @@ inline AuthPtr UnixAuth(int uid, const std::vector<int>& gids) {
     return AuthPtr(auth);
 }
 
-// An NFS file handle that owns its bytes.
-struct FileHandle {
-    std::vector<char> bytes;
-    nfs_fh3 Fh() { return nfs_fh3{{u_int(bytes.size()), bytes.data()}}; }
+using BrowsePtr = std::unique_ptr<qsNFSUtils::NFSBrowse>;
+using EntryPtr = std::unique_ptr<qsNFSUtils::DirEntry>;
+
+// A browse object of the server at 127.0.0.1.
+inline BrowsePtr Browse(qsNFSUtils::eUseProtocol protocol = qsNFSUtils::eUseTCP, int uid = 0,
+                        const std::vector<int>& gids = {0}) {
+    qsNFSUtils::NFSBrowse* browse = nullptr;
+    EXPECT_EQ(qsNFSUtils::CreateNFSBrowse(browse, "127.0.0.1", uid, gids, nullptr, protocol), 0);
+    return BrowsePtr(browse);
+}
+
+inline EntryPtr Open(qsNFSUtils::NFSBrowse& browse, const std::string& path, bool create = false,
+                     bool makeParents = false) {
+    return EntryPtr(browse.Open(path, create, makeParents));
+}
+
+using Lines = std::vector<std::string>;
+
+// The texts the default log gained since construction: a failure is logged
+// once, where it happens, and nowhere else.
+class NewLogLines {
+public:
+    NewLogLines() : m_Before(qsTest::ReadRecords(*g_pZLogStreamDefault).size()) {}
+    Lines Texts() const {
+        Lines texts;
+        auto records = qsTest::ReadRecords(*g_pZLogStreamDefault);
+        for (size_t i = m_Before; i < records.size(); ++i)
+            texts.push_back(records[i].Text());
+        return texts;
+    }
+
+private:
+    size_t m_Before;
 };
 
-// The root handle of the export, from MNT over MOUNT version 3.
-inline FileHandle MountExport(RPCClient& mount) {
-    std::string path = ExportDir();
-    dirpath arg = path.data();
-    mountres3 res{};
-    EXPECT_EQ(mountproc3_mnt_3(&arg, &res, mount.Handle()), RPC_SUCCESS);
-    EXPECT_EQ(res.fhs_status, MNT3_OK);
-    FileHandle root;
-    if (res.fhs_status == MNT3_OK) {
-        const fhandle3& fh = res.mountres3_u.mountinfo.fhandle;
-        root.bytes.assign(fh.fhandle3_val, fh.fhandle3_val + fh.fhandle3_len);
-    }
-    xdr_free(qsNFSUtils::XdrProc(xdr_mountres3), reinterpret_cast<char*>(&res));
-    return root;
-}
-
-// The handle of `name` in directory `dir`, by LOOKUP.
-inline FileHandle Lookup(RPCClient& nfs, FileHandle& dir, const std::string& name) {
-    std::string copy = name;
-    LOOKUP3args args{{dir.Fh(), copy.data()}};
-    LOOKUP3res res{};
-    EXPECT_EQ(nfsproc3_lookup_3(&args, &res, nfs.Handle()), RPC_SUCCESS);
-    EXPECT_EQ(res.status, NFS3_OK) << name;
-    FileHandle found;
-    if (res.status == NFS3_OK) {
-        const nfs_fh3& fh = res.LOOKUP3res_u.resok.object;
-        found.bytes.assign(fh.data.data_val, fh.data.data_val + fh.data.data_len);
-    }
-    xdr_free(qsNFSUtils::XdrProc(xdr_LOOKUP3res), reinterpret_cast<char*>(&res));
-    return found;
-}
-
-// The root handle of the export, mounted with a fresh MOUNT client.
-inline FileHandle ExportRoot() {
-    ClientPtr mount = Client(Loopback(), kMountProgram, kMountVersion, RPCClient::PROTOCOL_TCP);
-    return mount ? MountExport(*mount) : FileHandle{};
+inline struct stat Lstat(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+    return st;
 }
 
 inline ino_t Inode(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
-    return st.st_ino;
+    return Lstat(path).st_ino;
 }
 
 } // namespace qsNFSTest

@@ -1,6 +1,6 @@
 // RPC clients against the real server: creation over both transports and
-// both creation paths, the generated stubs through Handle(), failures, and
-// the process-wide creation lock.
+// both creation paths, the generated MOUNT and NFS stubs through Handle(),
+// failures, and the process-wide creation lock.
 
 #include "qsNFSStatus.h"
 #include "qsNFSTestServer.h"
@@ -13,15 +13,9 @@
 #include <unistd.h>
 
 using namespace qsNFSTest;
+using qsNFSUtils::XdrProc;
 
 namespace {
-
-clnt_stat NullCall(int program, CLIENT* handle) {
-    char none = 0;
-    if (program == kNfsProgram)
-        return nfsproc3_null_3(&none, &none, handle);
-    return mountproc3_null_3(&none, &none, handle);
-}
 
 ClientPtr ByName(const char* host, int program, int version, RPCClient::PROTOCOL protocol) {
     RPCClient* client = nullptr;
@@ -44,23 +38,52 @@ bool WaitsOnALock(pid_t tid) {
 
 } // namespace
 
-TEST(RPCClient, NullProcedureOfNfsAndMountOverBothTransportsAndCreationPaths) {
+// Clients by address and by host name, over both transports, reach MOUNT
+// and NFS through the generated stubs: the null procedure, the export list
+// (version 1's too: the types the two versions share travel alike), MNT of
+// the export, and GETATTR of its root, which describes the export directory.
+TEST(RPCClient, StubsOverBothTransportsAndCreationPaths) {
     AuthPtr auth = UnixAuth(0, {0});
-    for (int program : {kNfsProgram, kMountProgram}) {
-        for (auto protocol : {RPCClient::PROTOCOL_TCP, RPCClient::PROTOCOL_UDP}) {
-            SCOPED_TRACE(testing::Message() << program << " protocol " << protocol);
-            ClientPtr byAddress = Client(Loopback(), program, 3, protocol);
-            ClientPtr byName = ByName("localhost", program, 3, protocol);
-            ASSERT_TRUE(byAddress && byName);
-            for (RPCClient* client : {byAddress.get(), byName.get()}) {
-                client->SetAuth(auth->Handle());
-                EXPECT_EQ(client->Handle()->cl_auth, auth->Handle());
-                EXPECT_EQ(client->ProtocolUsed(), protocol);
-                EXPECT_EQ(NullCall(program, client->Handle()), RPC_SUCCESS);
-            }
-            EXPECT_GE(byAddress->Socket(), 0);
-            EXPECT_EQ(byName->Socket(), -1);
+    char none = 0;
+    for (auto protocol : {RPCClient::PROTOCOL_TCP, RPCClient::PROTOCOL_UDP}) {
+        SCOPED_TRACE(protocol);
+        ClientPtr mount = Client(Loopback(), kMountProgram, kMountVersion, protocol);
+        ClientPtr nfs = Client(Loopback(), kNfsProgram, kNfsVersion, protocol);
+        ClientPtr mount1 = ByName("localhost", kMountProgram, 1, protocol);
+        ClientPtr nfsByName = ByName("localhost", kNfsProgram, kNfsVersion, protocol);
+        ASSERT_TRUE(mount && nfs && mount1 && nfsByName);
+        for (RPCClient* client : {mount.get(), nfs.get(), mount1.get(), nfsByName.get()}) {
+            client->SetAuth(auth->Handle());
+            EXPECT_EQ(client->ProtocolUsed(), protocol);
         }
+        EXPECT_EQ(mountproc3_null_3(&none, &none, mount->Handle()), RPC_SUCCESS);
+        EXPECT_EQ(nfsproc3_null_3(&none, &none, nfsByName->Handle()), RPC_SUCCESS);
+        EXPECT_GE(nfs->Socket(), 0);
+        EXPECT_EQ(nfsByName->Socket(), -1);
+
+        for (int version : {3, 1}) {
+            exports list = nullptr;
+            ASSERT_EQ(version == 3 ? mountproc3_export_3(&none, &list, mount->Handle())
+                                   : mountproc_export_1(&none, &list, mount1->Handle()),
+                      RPC_SUCCESS);
+            EXPECT_TRUE(list && !list->ex_next && list->ex_dir == ExportDir()) << version;
+            xdr_free(XdrProc(xdr_exports), reinterpret_cast<char*>(&list));
+        }
+
+        std::string path = ExportDir();
+        dirpath arg = path.data();
+        mountres3 mnt{};
+        ASSERT_EQ(mountproc3_mnt_3(&arg, &mnt, mount->Handle()), RPC_SUCCESS);
+        ASSERT_EQ(mnt.fhs_status, MNT3_OK);
+        fhandle3& root = mnt.mountres3_u.mountinfo.fhandle;
+        GETATTR3args args{{{root.fhandle3_len, root.fhandle3_val}}};
+        GETATTR3res res{};
+        ASSERT_EQ(nfsproc3_getattr_3(&args, &res, nfs->Handle()), RPC_SUCCESS);
+        ASSERT_EQ(res.status, NFS3_OK);
+        EXPECT_EQ(res.GETATTR3res_u.resok.obj_attributes.type, NF3DIR);
+        EXPECT_EQ(res.GETATTR3res_u.resok.obj_attributes.fileid, Inode(ExportDir()));
+        xdr_free(XdrProc(xdr_GETATTR3res), reinterpret_cast<char*>(&res));
+        xdr_free(XdrProc(xdr_mountres3), reinterpret_cast<char*>(&mnt));
     }
 }
 
@@ -108,5 +131,6 @@ TEST(RPCClient, CreationByAddressWaitsForTheProcessWideLock) {
     g_ClientCreateCS.Unlock();
     byAddress.join();
     ASSERT_TRUE(waited);
-    EXPECT_EQ(NullCall(kNfsProgram, waited->Handle()), RPC_SUCCESS);
+    char none = 0;
+    EXPECT_EQ(nfsproc3_null_3(&none, &none, waited->Handle()), RPC_SUCCESS);
 }

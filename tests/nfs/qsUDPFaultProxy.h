@@ -6,10 +6,11 @@
 // It registers itself with the namespace's port mapper under a private
 // program number; a UDP client of that program and version 3 reaches the
 // real server through it (the relay writes NFS's program number into each
-// call).  It also records what passed, for tests that check how a transfer
-// cut its datagrams.
+// call).  It also records what passed, for tests that check what a transfer
+// sent again and how large its datagrams were.
 #pragma once
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cstring>
@@ -45,14 +46,6 @@ public:
         int cutReadsTo = -1;
     };
 
-    // One call as it passed: procedure, and for READ and WRITE the offset
-    // and count.
-    struct Call {
-        uint32_t procedure;
-        uint64_t offset;
-        uint32_t count;
-    };
-
     explicit UDPFaultProxy(Script script)
         : m_Script(script), m_Program(0x3F5C0000 + (getpid() & 0xFFFF)) {
         m_Client = Bound();
@@ -82,9 +75,13 @@ public:
 
     int Program() const { return m_Program; }
 
-    std::vector<Call> Calls() {
+    // How many calls of `procedure` passed, or of those (READ 6 and WRITE 7
+    // carry an offset) how many at `offset`.
+    size_t Calls(uint32_t procedure, int64_t offset = -1) {
         std::lock_guard<std::mutex> hold(m_Lock);
-        return m_Calls;
+        return size_t(std::count_if(m_Calls.begin(), m_Calls.end(), [&](const Call& c) {
+            return c.procedure == procedure && (offset < 0 || c.offset == uint64_t(offset));
+        }));
     }
     size_t LargestDatagram() const { return m_Largest; }
 
@@ -110,19 +107,22 @@ private:
     }
     static bool Every(int n, int count) { return n && count % n == 0; }
 
-    // Procedure and, for READ (6) and WRITE (7), offset and count: after
-    // the call header come the credential and verifier, then the handle.
+    struct Call {
+        uint32_t procedure;
+        uint64_t offset;
+    };
+
+    // Procedure and, for READ (6) and WRITE (7), offset: after the call
+    // header come the credential and verifier, then the handle.
     Call Parse(const char* d, size_t size) {
-        Call call{Word(d + 20), 0, 0};
+        Call call{Word(d + 20), 0};
         size_t at = 28;
         for (int auth = 0; auth < 2 && at + 4 <= size; ++auth)
             at += 4 + ((Word(d + at) + 3) & ~3u) + (auth == 0 ? 4 : 0);
         if ((call.procedure == 6 || call.procedure == 7) && at + 4 <= size) {
             at += 4 + ((Word(d + at) + 3) & ~3u);
-            if (at + 12 <= size) {
+            if (at + 8 <= size)
                 call.offset = (uint64_t(Word(d + at)) << 32) | Word(d + at + 4);
-                call.count = Word(d + at + 8);
-            }
         }
         return call;
     }

@@ -6,7 +6,6 @@
 #include "qsNFSTestServer.h"
 #include "qsTestSupport.h"
 
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <optional>
@@ -20,7 +19,7 @@ namespace qsnfsTest {
 using Words = std::vector<std::string>;
 
 struct Result {
-    int status = -1; // the exit status; 128 + signal; -1: still running at the deadline
+    int status = -1; // the exit status; 128 + signal; -1: killed at the deadline
     std::string out, err;
     Words errLines;
 };
@@ -38,9 +37,10 @@ inline Words Lines(const std::string& text) {
     return lines;
 }
 
-// Runs `argv` to its end, or kills it after a deadline far beyond any RPC
-// time-out: a hang shows as status -1, not as a stuck test.
-inline Result RunProgram(const Words& argv, const RunOptions& options = {}) {
+// Runs `argv` to its end, under a deadline far beyond any RPC time-out: a
+// hang shows as status -1, not as a stuck test.
+inline Result RunProgram(Words argv, const RunOptions& options = {}) {
+    argv.insert(argv.begin(), {"timeout", "-s", "KILL", "90"});
     qsTest::TempDir dir("qsnfs");
     std::string in = options.input ? dir / "in" : "/dev/null";
     if (options.input)
@@ -49,8 +49,8 @@ inline Result RunProgram(const Words& argv, const RunOptions& options = {}) {
     if (options.ttyStderr && openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
         ADD_FAILURE() << "openpty failed";
     std::vector<char*> args;
-    for (const std::string& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
+    for (std::string& a : argv)
+        args.push_back(a.data());
     args.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
@@ -61,39 +61,24 @@ inline Result RunProgram(const Words& argv, const RunOptions& options = {}) {
         execvp(args[0], args.data());
         _exit(127);
     }
-    if (slave >= 0)
-        close(slave);
     Result r;
-    std::string tty;
-    // The terminal is drained as the program runs, so that it never blocks
-    // on a full one.
-    auto drain = [&] {
-        char buf[4096];
-        ssize_t n;
-        while (master >= 0 && (n = read(master, buf, sizeof buf)) > 0)
-            tty.append(buf, size_t(n));
-    };
-    if (master >= 0)
-        fcntl(master, F_SETFL, O_NONBLOCK);
-    int st = 0;
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(90);
-    while (waitpid(pid, &st, WNOHANG) != pid) {
-        drain();
-        if (std::chrono::steady_clock::now() > end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &st, 0);
-            st = -1;
-            break;
-        }
-        usleep(10000);
-    }
-    drain();
-    if (master >= 0)
+    if (slave >= 0) {
+        // Read as the program writes, so that it never blocks on a full
+        // terminal; the reads end when it closes its side.
+        close(slave);
+        char buffer[4096];
+        for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;)
+            r.err.append(buffer, size_t(n));
         close(master);
-    if (st != -1)
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    }
+    int st = 0;
+    waitpid(pid, &st, 0);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    if (r.status == 128 + SIGKILL)
+        r.status = -1;
     r.out = qsTest::ReadFileText(dir / "out");
-    r.err = options.ttyStderr ? tty : qsTest::ReadFileText(dir / "err");
+    if (!options.ttyStderr)
+        r.err = qsTest::ReadFileText(dir / "err");
     r.errLines = Lines(r.err);
     return r;
 }
@@ -119,11 +104,7 @@ struct Dir {
     qsNFSTest::ExportSubdir sub;
 };
 
-inline struct stat Lstat(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-    return st;
-}
+using qsNFSTest::Lstat;
 
 inline bool Exists(const std::string& path) {
     struct stat st;
@@ -133,15 +114,15 @@ inline bool Exists(const std::string& path) {
 // A failure as qsnfs reports it: exit status 1 and exactly one line naming
 // the command and the path, with the status code (or its start) in
 // parentheses.
-#define EXPECT_FAILED(r, command, path, code)                                                     \
-    do {                                                                                          \
-        EXPECT_EQ((r).status, 1) << (r).err;                                                      \
-        ASSERT_EQ((r).errLines.size(), 1u) << (r).err;                                            \
-        EXPECT_EQ((r).errLines[0].rfind(std::string("qsnfs: ") + (command) + " " + (path) + ": ", \
-                                        0),                                                       \
-                  0u)                                                                             \
-            << (r).err;                                                                           \
-        EXPECT_NE((r).errLines[0].find("(" code), std::string::npos) << (r).err;                 \
+#define EXPECT_FAILED(r, command, path, code)                                                      \
+    do {                                                                                           \
+        EXPECT_EQ((r).status, 1) << (r).err;                                                       \
+        ASSERT_EQ((r).errLines.size(), 1u) << (r).err;                                             \
+        EXPECT_EQ(                                                                                 \
+            (r).errLines[0].rfind(std::string("qsnfs: ") + (command) + " " + (path) + ": ", 0),    \
+            0u)                                                                                    \
+            << (r).err;                                                                            \
+        EXPECT_NE((r).errLines[0].find(std::string("(") + (code)), std::string::npos) << (r).err;  \
     } while (0)
 
 } // namespace qsnfsTest

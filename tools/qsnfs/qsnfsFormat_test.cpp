@@ -48,15 +48,15 @@ TEST(QsnfsFormat, EntryAndDf) {
     e.m_Type = qsNFSUtils::eTypeRegular;
     e.m_Size = 123456789012;
     e.m_Mode = 0100640; // type bits from the server are not the mode
-    std::string line = JsonLine(EntryJson("h:/e/caf\xe9", e, ""));
-    auto j = nlohmann::json::parse(line);
+    auto j = nlohmann::json::parse(JsonLine(EntryJson("h:/e/caf\xe9", e, "")));
     EXPECT_EQ(j["name"], "caf\xef\xbf\xbd");
     EXPECT_EQ(j["size"], 123456789012u);
     EXPECT_EQ(j["mode"], 0640);
     EXPECT_EQ(j["type"], "file");
     EXPECT_FALSE(j.contains("target"));
-    EXPECT_EQ(LongLine(e, 14, ""), std::string("-rw-r-----     0     0   123456789012 ") +
-                                       ShortTime(e.m_LastWriteTime) + " caf\xe9");
+    std::string line = LongLine(e, 14, "");
+    EXPECT_TRUE(line.starts_with("-rw-r-----     0     0   123456789012 ")) << line;
+    EXPECT_TRUE(line.ends_with(" caf\xe9")) << line;
 
     qsNFSUtils::ExportInfo::Facts f{};
     f.m_TotalBytes = 1000 << 10;
@@ -67,6 +67,5 @@ TEST(QsnfsFormat, EntryAndDf) {
     EXPECT_NE(df.find(" 700 "), std::string::npos) << df;
     EXPECT_NE(df.find(" 200 "), std::string::npos) << df;
     EXPECT_EQ(df.substr(df.size() - 4), " 78%") << df; // 700 of 900, rounded up
-    f = {};
-    EXPECT_EQ(DfLine("h:/e", f).substr(DfLine("h:/e", f).size() - 3), " 0%");
+    EXPECT_TRUE(DfLine("h:/e", {}).ends_with(" 0%"));
 }

@@ -20,6 +20,14 @@ int Parse(Words words, Options& out, std::string& text) {
     return ParseOptions(int(argv.size()), argv.data(), out, text);
 }
 
+// The options of an accepted command line.
+Options Parsed(const Words& words) {
+    Options o;
+    std::string text;
+    EXPECT_EQ(Parse(words, o, text), -1) << text;
+    return o;
+}
+
 Words Paths(const Options& o) {
     Words paths;
     for (const RemotePath& r : o.remotes)
@@ -30,73 +38,52 @@ Words Paths(const Options& o) {
 } // namespace
 
 TEST(QsnfsOptions, OperandsGoWhereTheyBelong) {
-    Options o;
-    std::string text;
-    ASSERT_EQ(Parse({"get", "h:/e/f", "-"}, o, text), -1) << text;
+    Options o = Parsed({"get", "h:/e/f", "-"});
     EXPECT_EQ(Paths(o), Words{"/e/f"});
     EXPECT_EQ(o.local, "-");
-
-    o = Options();
-    ASSERT_EQ(Parse({"put", "local.bin", "h:/e/f"}, o, text), -1) << text;
+    o = Parsed({"put", "local.bin", "h:/e/f"});
     EXPECT_EQ(Paths(o), Words{"/e/f"});
     EXPECT_EQ(o.local, "local.bin");
 
     // A hard link's target is a remote path, a symbolic link's is text.
-    o = Options();
-    ASSERT_EQ(Parse({"ln", "h:/e/target", "h:/e/link"}, o, text), -1) << text;
-    EXPECT_EQ(Paths(o), (Words{"/e/link", "/e/target"}));
-    o = Options();
-    ASSERT_EQ(Parse({"ln", "-s", "../any thing", "h:/e/link"}, o, text), -1) << text;
+    EXPECT_EQ(Paths(Parsed({"ln", "h:/e/target", "h:/e/link"})), (Words{"/e/link", "/e/target"}));
+    o = Parsed({"ln", "-s", "../any thing", "h:/e/link"});
     EXPECT_EQ(Paths(o), Words{"/e/link"});
     EXPECT_EQ(o.linkText, "../any thing");
 
     // The command's own options stay the command's.
-    o = Options();
-    ASSERT_EQ(Parse({"lock", "-s", "h:/e/l", "sh", "-c", "exit 3", "-s"}, o, text), -1) << text;
+    o = Parsed({"lock", "-s", "h:/e/l", "sh", "-c", "exit 3", "-s"});
     EXPECT_TRUE(o.shared);
     EXPECT_EQ(o.program, (Words{"sh", "-c", "exit 3", "-s"}));
 
-    o = Options();
-    ASSERT_EQ(Parse({"--proto", "udp", "--pipelined", "ls", "-l", "-R", "-o", "json", "h:/e"}, o,
-                    text),
-              -1)
-        << text;
+    o = Parsed({"--proto", "udp", "--pipelined", "ls", "-l", "-R", "-o", "json", "h:/e"});
     EXPECT_TRUE(o.pipelined && o.longList && o.recursive && o.json);
     EXPECT_EQ(o.proto, Proto::Udp);
-
-    o = Options();
-    ASSERT_EQ(Parse({"truncate", "-s", "5G", "h:/e/f"}, o, text), -1) << text;
-    EXPECT_EQ(o.size, 5ull << 30);
-    o = Options();
-    ASSERT_EQ(Parse({"exports", "fs1:"}, o, text), -1) << text;
-    EXPECT_EQ(o.host, "fs1");
+    EXPECT_EQ(Parsed({"truncate", "-s", "5G", "h:/e/f"}).size, 5ull << 30);
+    EXPECT_EQ(Parsed({"exports", "fs1:"}).host, "fs1");
 }
 
 TEST(QsnfsOptions, CredentialsDefaultToTheCaller) {
-    Options o;
-    std::string text;
-    ASSERT_EQ(Parse({"ls", "h:/e"}, o, text), -1);
+    Options o = Parsed({"ls", "h:/e"});
     EXPECT_EQ(o.uid, getuid());
     ASSERT_FALSE(o.gids.empty());
     EXPECT_EQ(o.gids[0], int(getgid()));
     EXPECT_LE(o.gids.size(), kMaxGroups);
 
-    o = Options();
-    ASSERT_EQ(Parse({"--uid", "4294967294", "--gid", "7,0,4000000000", "ls", "h:/e"}, o, text), -1)
-        << text;
+    o = Parsed({"--uid", "4294967294", "--gid", "7,0,4000000000", "ls", "h:/e"});
     EXPECT_EQ(o.uid, 4294967294u);
     EXPECT_EQ(o.gids, (std::vector<int>{7, 0, int(4000000000u)}));
 }
 
+// Malformed paths and sizes are their parsers' cases: one of each shows that
+// the command line refuses them.
 TEST(QsnfsOptions, UsageErrorsExitTwo) {
     const Words cases[] = {
         {},
         {"frob", "h:/e"},
         {"ls"},
         {"ls", "-x", "h:/e"},
-        {"ls", "noslash"},
         {"ls", "h:relative"},
-        {"stat", "h:/.."},
         {"cat", "h:/a", "local"},
         {"get", "h:/a"},
         {"get", "h:/a", ""},
@@ -104,9 +91,7 @@ TEST(QsnfsOptions, UsageErrorsExitTwo) {
         {"mv", "h:/a"},
         {"ln", "local-target", "h:/e/l"},
         {"truncate", "h:/a"},
-        {"truncate", "-s", "-1", "h:/a"},
         {"truncate", "-s", "1X", "h:/a"},
-        {"truncate", "-s", "99999999999T", "h:/a"},
         {"lock", "h:/a"},
         {"stat", "-o", "yaml", "h:/a"},
         {"--uid", "-1", "ls", "h:/e"},
@@ -119,11 +104,8 @@ TEST(QsnfsOptions, UsageErrorsExitTwo) {
     for (const Words& words : cases) {
         Options o;
         std::string text;
-        std::string line;
-        for (const std::string& w : words)
-            line += " " + w;
-        EXPECT_EQ(Parse(words, o, text), kExitUsage) << line;
-        EXPECT_EQ(text.rfind("qsnfs: ", 0), 0u) << line << ": " << text;
+        EXPECT_EQ(Parse(words, o, text), kExitUsage) << testing::PrintToString(words);
+        EXPECT_EQ(text.rfind("qsnfs: ", 0), 0u) << text;
     }
     Options o;
     std::string text;

@@ -8,42 +8,24 @@
 
 using qsNFSUtils::RPCAuth;
 
-namespace {
-
-// The AUTH_UNIX body a credential sends.
-struct UnixCredential {
-    std::string machine;
-    unsigned uid = 0;
-    unsigned gid = 0;
-    std::vector<unsigned> gids;
-};
-
-UnixCredential Decode(const opaque_auth& cred) {
-    authunix_parms parms{};
-    XDR xdrs;
-    xdrmem_create(&xdrs, cred.oa_base, cred.oa_length, XDR_DECODE);
-    EXPECT_TRUE(xdr_authunix_parms(&xdrs, &parms));
-    UnixCredential out{parms.aup_machname, parms.aup_uid, parms.aup_gid,
-                       std::vector<unsigned>(parms.aup_gids, parms.aup_gids + parms.aup_len)};
-    xdr_free(qsNFSUtils::XdrProc(xdr_authunix_parms), reinterpret_cast<char*>(&parms));
-    return out;
-}
-
-} // namespace
-
 // The first group is both the primary group and the first supplementary
 // one; the machine name is this computer's.
 TEST(CreateRPCAuth, UnixCredentialCarriesTheWholeGroupList) {
     RPCAuth* raw = nullptr;
     ASSERT_EQ(qsNFSUtils::CreateRPCAuth(raw, 1234, {5678, 42, 7}), 0);
     std::unique_ptr<RPCAuth> auth(raw);
-    ASSERT_NE(auth->Handle(), nullptr);
-    ASSERT_EQ(auth->Handle()->ah_cred.oa_flavor, AUTH_UNIX);
-    UnixCredential cred = Decode(auth->Handle()->ah_cred);
-    EXPECT_EQ(cred.machine, qsSysInfo::GetComputerNameA());
-    EXPECT_EQ(cred.uid, 1234u);
-    EXPECT_EQ(cred.gid, 5678u);
-    EXPECT_EQ(cred.gids, (std::vector<unsigned>{5678, 42, 7}));
+    const opaque_auth& cred = auth->Handle()->ah_cred;
+    ASSERT_EQ(cred.oa_flavor, AUTH_UNIX);
+    authunix_parms parms{};
+    XDR xdrs;
+    xdrmem_create(&xdrs, cred.oa_base, cred.oa_length, XDR_DECODE);
+    ASSERT_TRUE(xdr_authunix_parms(&xdrs, &parms));
+    EXPECT_EQ(std::string(parms.aup_machname), qsSysInfo::GetComputerNameA());
+    EXPECT_EQ(parms.aup_uid, 1234u);
+    EXPECT_EQ(parms.aup_gid, 5678u);
+    EXPECT_EQ(std::vector<unsigned>(parms.aup_gids, parms.aup_gids + parms.aup_len),
+              (std::vector<unsigned>{5678, 42, 7}));
+    xdr_free(qsNFSUtils::XdrProc(xdr_authunix_parms), reinterpret_cast<char*>(&parms));
 
     ASSERT_EQ(qsNFSUtils::CreateRPCAuth(raw), 0);
     auth.reset(raw);
