@@ -169,6 +169,13 @@ constexpr uint32_t kDirCountUdp = 1024, kMaxCountUdp = 8192;
 
 constexpr uint32_t kNewFileMode = 0777;
 
+// The attributes a new object is made with: its mode, nothing else.
+sattr3 ModeOnly(uint32_t mode) {
+    DirEntry entry;
+    entry.m_Mode = mode;
+    return AttributesToSet(entry, eAttrMode);
+}
+
 // A decoded result record, freed when it goes out of scope.  Zero-filled
 // first: the decoders allocate only into null pointers.
 template <class T> class Reply {
@@ -526,6 +533,15 @@ private:
         return Fail(TranslateError(g_NFSErrorMap, rpc, status, format, detail));
     }
 
+    // One call and its outcome: 0, or the failure translated, logged and
+    // kept (Check).
+    template <class Args, class Res>
+    int32_t Ask(clnt_stat (*stub)(Args*, Res*, CLIENT*), Args& args, Res* res, const char* format,
+                const std::string& detail) {
+        clnt_stat rpc = Invoke(stub, args, res);
+        return Check(rpc, res->status, format, detail);
+    }
+
     // A reply that cannot be what the server meant (a handle longer than
     // any version 3 handle, an entry without a handle that then cannot be
     // looked up): the server's fault.
@@ -553,9 +569,8 @@ int32_t NFSBrowseImpl3::ReadFacts(ExportInfo& info) {
 
     FSINFO3args fsinfoArgs{fh};
     Reply<FSINFO3res> fsinfo(xdr_FSINFO3res);
-    clnt_stat rpc = Invoke(nfsproc3_fsinfo_3, fsinfoArgs, fsinfo.get());
-    if (int32_t r =
-            Check(rpc, fsinfo->status, "nfsproc3_fsinfo_3 (status %d, err 0x%8.8X)", info.m_Path))
+    if (int32_t r = Ask(nfsproc3_fsinfo_3, fsinfoArgs, fsinfo.get(),
+                        "nfsproc3_fsinfo_3 (status %d, err 0x%8.8X)", info.m_Path))
         return r;
     const FSINFO3resok& i = fsinfo->FSINFO3res_u.resok;
     f.m_ReadMax = i.rtmax, f.m_ReadPreferred = i.rtpref, f.m_ReadMultiple = i.rtmult;
@@ -568,9 +583,8 @@ int32_t NFSBrowseImpl3::ReadFacts(ExportInfo& info) {
 
     FSSTAT3args fsstatArgs{fh};
     Reply<FSSTAT3res> fsstat(xdr_FSSTAT3res);
-    rpc = Invoke(nfsproc3_fsstat_3, fsstatArgs, fsstat.get());
-    if (int32_t r =
-            Check(rpc, fsstat->status, "nfsproc3_fsstat_3 (status %d, err 0x%8.8X)", info.m_Path))
+    if (int32_t r = Ask(nfsproc3_fsstat_3, fsstatArgs, fsstat.get(),
+                        "nfsproc3_fsstat_3 (status %d, err 0x%8.8X)", info.m_Path))
         return r;
     const FSSTAT3resok& s = fsstat->FSSTAT3res_u.resok;
     f.m_TotalBytes = s.tbytes, f.m_FreeBytes = s.fbytes, f.m_AvailableBytes = s.abytes;
@@ -579,9 +593,8 @@ int32_t NFSBrowseImpl3::ReadFacts(ExportInfo& info) {
 
     PATHCONF3args pathconfArgs{fh};
     Reply<PATHCONF3res> pathconf(xdr_PATHCONF3res);
-    rpc = Invoke(nfsproc3_pathconf_3, pathconfArgs, pathconf.get());
-    if (int32_t r = Check(rpc, pathconf->status, "nfsproc3_pathconf_3 (status %d, err 0x%8.8X)",
-                          info.m_Path))
+    if (int32_t r = Ask(nfsproc3_pathconf_3, pathconfArgs, pathconf.get(),
+                        "nfsproc3_pathconf_3 (status %d, err 0x%8.8X)", info.m_Path))
         return r;
     const PATHCONF3resok& p = pathconf->PATHCONF3res_u.resok;
     f.m_LinkMax = p.linkmax, f.m_NameMax = p.name_max;
@@ -597,9 +610,8 @@ int32_t NFSBrowseImpl3::Lookup(const DirEntry& directory, const std::string& nam
     std::string copy = name;
     LOOKUP3args args{{HandleOf(directory), copy.data()}};
     Reply<LOOKUP3res> res(xdr_LOOKUP3res);
-    clnt_stat rpc = Invoke(nfsproc3_lookup_3, args, res.get());
     const char* format = "nfsproc3_lookup_3 (status %d, err 0x%8.8X)";
-    if (int32_t r = Check(rpc, res->status, format, path))
+    if (int32_t r = Ask(nfsproc3_lookup_3, args, res.get(), format, path))
         return r;
     DirEntry found;
     found.m_Path = path;
@@ -617,9 +629,8 @@ int32_t NFSBrowseImpl3::Lookup(const DirEntry& directory, const std::string& nam
 int32_t NFSBrowseImpl3::GetAttributes(DirEntry& entry) {
     GETATTR3args args{HandleOf(entry)};
     Reply<GETATTR3res> res(xdr_GETATTR3res);
-    clnt_stat rpc = Invoke(nfsproc3_getattr_3, args, res.get());
-    if (int32_t r =
-            Check(rpc, res->status, "nfsproc3_getattr_3 (status %d, err 0x%8.8X)", entry.m_Path))
+    if (int32_t r = Ask(nfsproc3_getattr_3, args, res.get(),
+                        "nfsproc3_getattr_3 (status %d, err 0x%8.8X)", entry.m_Path))
         return r;
     qsNFSUtils::SetAttributes(entry, res->GETATTR3res_u.resok.obj_attributes);
     return 0;
@@ -631,16 +642,15 @@ int32_t NFSBrowseImpl3::SetAttributes(const DirEntry& entry, uint32_t mask) {
     args.new_attributes = AttributesToSet(entry, mask);
     args.guard.check = FALSE;
     Reply<SETATTR3res> res(xdr_SETATTR3res);
-    clnt_stat rpc = Invoke(nfsproc3_setattr_3, args, res.get());
-    return Check(rpc, res->status, "nfsproc3_setattr_3 (status %d, err 0x%8.8X)", entry.m_Path);
+    return Ask(nfsproc3_setattr_3, args, res.get(), "nfsproc3_setattr_3 (status %d, err 0x%8.8X)",
+               entry.m_Path);
 }
 
 int32_t NFSBrowseImpl3::Access(const DirEntry& entry, uint32_t& mask) {
     ACCESS3args args{HandleOf(entry), mask};
     Reply<ACCESS3res> res(xdr_ACCESS3res);
-    clnt_stat rpc = Invoke(nfsproc3_access_3, args, res.get());
-    if (int32_t r =
-            Check(rpc, res->status, "nfsproc3_access_3 (status %d, err 0x%8.8X)", entry.m_Path))
+    if (int32_t r = Ask(nfsproc3_access_3, args, res.get(),
+                        "nfsproc3_access_3 (status %d, err 0x%8.8X)", entry.m_Path))
         return r;
     mask = res->ACCESS3res_u.resok.access;
     return 0;
@@ -715,15 +725,11 @@ int32_t NFSBrowseImpl3::CreateFile(const DirEntry& directory, DirEntry& entry, c
     CREATE3args args{};
     args.where = {HandleOf(directory), name.data()};
     args.how.mode = mode;
-    sattr3& attributes = args.how.createhow3_u.obj_attributes;
-    attributes.mode.set_it = TRUE;
-    attributes.mode.set_mode3_u.mode = kNewFileMode;
-    attributes.atime.set_it = DONT_CHANGE;
-    attributes.mtime.set_it = DONT_CHANGE;
+    args.how.createhow3_u.obj_attributes = ModeOnly(kNewFileMode);
     Reply<CREATE3res> res(xdr_CREATE3res);
-    clnt_stat rpc = Invoke(nfsproc3_create_3, args, res.get());
     const char* format = "nfsproc3_create_3 (status %d, err 0x%8.8X)";
-    if (int32_t r = Check(rpc, res->status, format, JoinPath(directory.m_Path, name)))
+    if (int32_t r =
+            Ask(nfsproc3_create_3, args, res.get(), format, JoinPath(directory.m_Path, name)))
         return r;
     const CREATE3resok& ok = res->CREATE3res_u.resok;
     return Created(directory, entry, ok.obj, ok.obj_attributes, format);
@@ -734,16 +740,12 @@ int32_t NFSBrowseImpl3::CreateLink(const DirEntry& directory, DirEntry& entry,
     std::string name = entry.m_Name, target = text;
     SYMLINK3args args{};
     args.where = {HandleOf(directory), name.data()};
-    sattr3& attributes = args.symlink.symlink_attributes;
-    attributes.mode.set_it = TRUE;
-    attributes.mode.set_mode3_u.mode = kNewFileMode;
-    attributes.atime.set_it = DONT_CHANGE;
-    attributes.mtime.set_it = DONT_CHANGE;
+    args.symlink.symlink_attributes = ModeOnly(kNewFileMode);
     args.symlink.symlink_data = target.data();
     Reply<SYMLINK3res> res(xdr_SYMLINK3res);
-    clnt_stat rpc = Invoke(nfsproc3_symlink_3, args, res.get());
     const char* format = "nfsproc3_symlink_3 (status %d, err 0x%8.8X)";
-    if (int32_t r = Check(rpc, res->status, format, JoinPath(directory.m_Path, name)))
+    if (int32_t r =
+            Ask(nfsproc3_symlink_3, args, res.get(), format, JoinPath(directory.m_Path, name)))
         return r;
     const SYMLINK3resok& ok = res->SYMLINK3res_u.resok;
     return Created(directory, entry, ok.obj, ok.obj_attributes, format);
@@ -762,13 +764,10 @@ int32_t NFSBrowseImpl3::CreateObject(const DirEntry& directory, DirEntry& entry)
     std::string name = entry.m_Name;
     MKDIR3args args{};
     args.where = {HandleOf(directory), name.data()};
-    args.attributes.mode.set_it = TRUE;
-    args.attributes.mode.set_mode3_u.mode = entry.m_Mode ? entry.m_Mode & 07777 : kNewFileMode;
-    args.attributes.atime.set_it = DONT_CHANGE;
-    args.attributes.mtime.set_it = DONT_CHANGE;
+    args.attributes = ModeOnly(entry.m_Mode ? entry.m_Mode & 07777 : kNewFileMode);
     Reply<MKDIR3res> res(xdr_MKDIR3res);
-    clnt_stat rpc = Invoke(nfsproc3_mkdir_3, args, res.get());
-    if (int32_t r = Check(rpc, res->status, format, JoinPath(directory.m_Path, name)))
+    if (int32_t r =
+            Ask(nfsproc3_mkdir_3, args, res.get(), format, JoinPath(directory.m_Path, name)))
         return r;
     const MKDIR3resok& ok = res->MKDIR3res_u.resok;
     return Created(directory, entry, ok.obj, ok.obj_attributes, format);
@@ -784,9 +783,8 @@ int32_t NFSBrowseImpl3::CreateSymlink(const DirEntry& directory, DirEntry& entry
 int32_t NFSBrowseImpl3::ReadSymlink(const DirEntry& link, ZBuffer& text) {
     READLINK3args args{HandleOf(link)};
     Reply<READLINK3res> res(xdr_READLINK3res);
-    clnt_stat rpc = Invoke(nfsproc3_readlink_3, args, res.get());
-    if (int32_t r =
-            Check(rpc, res->status, "nfsproc3_readlink_3 (status %d, err 0x%8.8X)", link.m_Path))
+    if (int32_t r = Ask(nfsproc3_readlink_3, args, res.get(),
+                        "nfsproc3_readlink_3 (status %d, err 0x%8.8X)", link.m_Path))
         return r;
     const char* target = res->READLINK3res_u.resok.data;
     return Fail(long(int32_t(text.Assign(target ? target : ""))));
@@ -798,13 +796,13 @@ int32_t NFSBrowseImpl3::DeleteObject(const DirEntry& directory, const DirEntry& 
     if (entry.m_Type == eTypeDirectory) {
         RMDIR3args args{what};
         Reply<RMDIR3res> res(xdr_RMDIR3res);
-        clnt_stat rpc = Invoke(nfsproc3_rmdir_3, args, res.get());
-        return Check(rpc, res->status, "nfsproc3_rmdir_3 (status %d, err 0x%8.8X)", entry.m_Path);
+        return Ask(nfsproc3_rmdir_3, args, res.get(), "nfsproc3_rmdir_3 (status %d, err 0x%8.8X)",
+                   entry.m_Path);
     }
     REMOVE3args args{what};
     Reply<REMOVE3res> res(xdr_REMOVE3res);
-    clnt_stat rpc = Invoke(nfsproc3_remove_3, args, res.get());
-    return Check(rpc, res->status, "nfsproc3_remove_3 (status %d, err 0x%8.8X)", entry.m_Path);
+    return Ask(nfsproc3_remove_3, args, res.get(), "nfsproc3_remove_3 (status %d, err 0x%8.8X)",
+               entry.m_Path);
 }
 
 int32_t NFSBrowseImpl3::RenameObject(const DirEntry& directory, DirEntry& entry,
@@ -824,9 +822,8 @@ int32_t NFSBrowseImpl3::RenameObject(const DirEntry& directory, DirEntry& entry,
     std::string fromName = entry.m_Name;
     RENAME3args args{{HandleOf(directory), fromName.data()}, {HandleOf(*to), toName.data()}};
     Reply<RENAME3res> res(xdr_RENAME3res);
-    clnt_stat rpc = Invoke(nfsproc3_rename_3, args, res.get());
-    if (int32_t r =
-            Check(rpc, res->status, "nfsproc3_rename_3 (status %d, err 0x%8.8X)", entry.m_Path))
+    if (int32_t r = Ask(nfsproc3_rename_3, args, res.get(),
+                        "nfsproc3_rename_3 (status %d, err 0x%8.8X)", entry.m_Path))
         return r;
     entry.m_Path = JoinPath(to->m_Path, toName);
     entry.m_Name = toName;
@@ -838,9 +835,8 @@ int32_t NFSBrowseImpl3::MakeLink(const DirEntry& target, const DirEntry& directo
     std::string copy = name;
     LINK3args args{HandleOf(target), {HandleOf(directory), copy.data()}};
     Reply<LINK3res> res(xdr_LINK3res);
-    clnt_stat rpc = Invoke(nfsproc3_link_3, args, res.get());
-    return Check(rpc, res->status, "nfsproc3_link_3 (status %d, err 0x%8.8X)",
-                 JoinPath(directory.m_Path, name));
+    return Ask(nfsproc3_link_3, args, res.get(), "nfsproc3_link_3 (status %d, err 0x%8.8X)",
+               JoinPath(directory.m_Path, name));
 }
 
 // One READDIRPLUS after the cursor's cookie.  A batch that brings nothing
@@ -858,8 +854,8 @@ int32_t NFSBrowseImpl3::FetchBatch(NFS3GetNextHandle& cursor) {
     cursor.m_Batch.reset(); // one batch at a time
     cursor.m_Next = nullptr;
     auto batch = std::make_unique<Reply<READDIRPLUS3res>>(xdr_READDIRPLUS3res);
-    clnt_stat rpc = Invoke(nfsproc3_readdirplus_3, args, batch->get());
-    if (int32_t r = Check(rpc, (*batch)->status, format, cursor.m_Directory.m_Path))
+    if (int32_t r =
+            Ask(nfsproc3_readdirplus_3, args, batch->get(), format, cursor.m_Directory.m_Path))
         return r;
     READDIRPLUS3resok& ok = (*batch)->READDIRPLUS3res_u.resok;
     entryplus3* last = ok.reply.entries;
